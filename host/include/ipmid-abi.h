@@ -1,0 +1,79 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/*
+ * The C ABI through which the BMC's IPMI host daemon and an OEM command
+ * provider meet. The daemon exports the two functions below; a provider
+ * resolves them when the daemon opens it (dlopen with RTLD_NOW) and calls
+ * ipmi_register_callback from its static initializer.
+ *
+ * Our host (libipmioemhost) implements the same ABI so that the provider can
+ * be loaded unchanged on any Linux machine.
+ */
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C"
+{
+#endif
+
+typedef struct sd_bus sd_bus;
+
+typedef uint8_t ipmi_netfn_t;
+typedef uint8_t ipmi_cmd_t;
+typedef uint8_t ipmi_ret_t;
+typedef void* ipmi_request_t;
+typedef void* ipmi_response_t;
+/* Request length on entry, response length on return. */
+typedef uint32_t* ipmi_data_len_t;
+typedef void* ipmi_context_t;
+
+typedef ipmi_ret_t (*ipmid_callback_t)(ipmi_netfn_t, ipmi_cmd_t,
+                                       ipmi_request_t, ipmi_response_t,
+                                       ipmi_data_len_t, ipmi_context_t);
+
+/* Privilege a command is registered with. OEM providers of this BMC
+ * register everything with SYSTEM_INTERFACE (0xFF). */
+enum CommandPrivilege
+{
+    PRIVILEGE_CALLBACK = 0x01,
+    PRIVILEGE_USER = 0x02,
+    PRIVILEGE_OPERATOR = 0x03,
+    PRIVILEGE_ADMIN = 0x04,
+    PRIVILEGE_OEM = 0x05,
+    SYSTEM_INTERFACE = 0xFF,
+};
+
+/* Completion codes the handlers of this BMC use. */
+enum
+{
+    IPMI_CC_OK = 0x00,
+    IPMI_CC_INVALID = 0xC1,
+    IPMI_CC_REQ_DATA_LEN_INVALID = 0xC7,
+    IPMI_CC_PARM_OUT_OF_RANGE = 0xC9,
+    IPMI_CC_INVALID_FIELD_REQUEST = 0xCC,
+    IPMI_CC_UNSPECIFIED_ERROR = 0xFF,
+};
+
+/*
+ * Buffers as the daemon hands them to a legacy handler: the response buffer
+ * has room for IPMID_RESPONSE_CAPACITY bytes and the daemon keeps exactly as
+ * many bytes as the handler stores in *data_len. Our host also passes the
+ * request in a buffer of IPMID_REQUEST_CAPACITY bytes, zero-filled past the
+ * request, so that a handler reading a fixed number of request bytes reads
+ * zeros rather than foreign memory.
+ */
+#define IPMID_RESPONSE_CAPACITY 65536u
+#define IPMID_REQUEST_CAPACITY 65536u
+
+void ipmi_register_callback(ipmi_netfn_t netfn, ipmi_cmd_t cmd,
+                            ipmi_context_t context, ipmid_callback_t handler,
+                            enum CommandPrivilege priv);
+
+/* The daemon's own D-Bus connection; may be NULL. */
+sd_bus* ipmid_get_sd_bus_connection(void);
+
+#ifdef __cplusplus
+}
+#endif
