@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+// Default handlers whose subsystem has not been written yet.
+//
+// THIS IS THE ONLY PLACE WHERE HANDLERS ARE STUBBED. Each handler named below
+// answers completion code 0xC1 (invalid command) with no data, so that the
+// whole command set is registered and reachable from the start. A subsystem
+// that brings a real handler removes its name from this list.
+
+#include "handler.hpp"
+
+#define OEM_UNIMPLEMENTED_HANDLERS(X)                                          \
+    X(set_pci_dev)                                                             \
+    X(get_pci_dev)                                                             \
+    X(set_cpu_dev)                                                             \
+    X(get_cpu_dev)                                                             \
+    X(set_dimm_info)                                                           \
+    X(get_dimm_info)                                                           \
+    X(set_onboard_nic)                                                         \
+    X(get_onboard_nic)                                                         \
+    X(set_offboard_nic)                                                        \
+    X(get_offboard_nic)                                                        \
+    X(set_bmc_led)                                                             \
+    X(get_bmc_led)                                                             \
+    X(set_warn_led)                                                            \
+    X(get_warn_led)                                                            \
+    X(set_onboard_hdd)                                                         \
+    X(get_onboard_hdd)                                                         \
+    X(cpld_get_version)                                                        \
+    X(bios_set_version)                                                        \
+    X(bios_get_version)                                                        \
+    X(set_nic_dev)                                                             \
+    X(get_nic_dev)                                                             \
+    X(set_fan_config)                                                          \
+    X(get_fan_info)                                                            \
+    X(get_riser_info)                                                          \
+    X(get_explorer)                                                            \
+    X(get_exCard_info)                                                         \
+    X(set_middCard_info)                                                       \
+    X(get_middCard_info)                                                       \
+    X(get_boardCard_info)                                                      \
+    X(get_chassis_intrusion)                                                   \
+    X(get_fan_pid_info)                                                        \
+    X(set_fan_pid_info)                                                        \
+    X(get_system_uuid)                                                         \
+    X(set_system_uuid)                                                         \
+    X(get_p2a_switch)                                                          \
+    X(set_p2a_switch)                                                          \
+    X(get_cpld_update)                                                         \
+    X(get_bmc_uuid)                                                            \
+    X(get_bmc_sol_status)                                                      \
+    X(set_bmc_sol_status)                                                      \
+    X(get_high_temp_detect_status)                                             \
+    X(set_high_temp_detect_status)                                             \
+    X(get_psu_info)                                                            \
+    X(get_jbod_i2c_data)                                                       \
+    X(set_jbod_i2c_data)                                                       \
+    X(get_board_id)                                                            \
+    X(set_eth_status)                                                          \
+    X(set_default_user)                                                        \
+    X(get_gpio_value)                                                          \
+    X(set_gpio_value)                                                          \
+    X(get_cpu_status)                                                          \
+    X(get_bios_reset)                                                          \
+    X(set_reset_factory)                                                       \
+    X(get_bios_configure)                                                      \
+    X(set_bios_configure)                                                      \
+    X(set_restriction_mode)                                                    \
+    X(get_restriction_mode)                                                    \
+    X(get_sw_hw_version)                                                       \
+    X(get_ncsi_test)                                                           \
+    X(get_sys_status)                                                          \
+    X(get_psu_status)                                                          \
+    X(get_eeprom_test)                                                         \
+    X(get_mii_test)                                                            \
+    X(get_all_dimm_size)                                                       \
+    X(get_total_power)                                                         \
+    X(psu_get_version)                                                         \
+    X(get_ssh_status)                                                          \
+    X(set_ssh_status)                                                          \
+    X(get_power_consumption)                                                   \
+    X(get_audit_log)                                                           \
+    X(set_allow_list)                                                          \
+    X(del_allow_list)                                                          \
+    X(get_allow_list)                                                          \
+    X(set_bmc_led_FT)                                                          \
+    X(get_bmc_led_FT)
+
+#define OEM_UNIMPLEMENTED(name)                                                \
+    ipmi_ret_t ipmi_vel_oem_##name(OEM_HANDLER_PARAMS)                         \
+    {                                                                          \
+        *data_len = 0;                                                         \
+        return IPMI_CC_INVALID;                                                \
+    }
+OEM_UNIMPLEMENTED_HANDLERS(OEM_UNIMPLEMENTED)
