@@ -29,9 +29,9 @@ typedef void* ipmi_response_t;
 typedef uint32_t* ipmi_data_len_t;
 typedef void* ipmi_context_t;
 
-typedef ipmi_ret_t (*ipmid_callback_t)(ipmi_netfn_t, ipmi_cmd_t,
-                                       ipmi_request_t, ipmi_response_t,
-                                       ipmi_data_len_t, ipmi_context_t);
+typedef ipmi_ret_t (*ipmid_callback_t)(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
+                                       ipmi_response_t, ipmi_data_len_t,
+                                       ipmi_context_t);
 
 /* Privilege a command is registered with. OEM providers of this BMC
  * register everything with SYSTEM_INTERFACE (0xFF). */

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ipmid-abi.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/* The host side of the daemon ABI: it collects the registrations a provider
+ * makes while it is loaded and dispatches requests to them the way the IPMI
+ * host daemon does. Used by ipmi-oem-host, the ipmi_sim bridge and the
+ * tests. */
+namespace oemhost
+{
+
+struct Registration
+{
+    ipmi_netfn_t netfn;
+    ipmi_cmd_t cmd;
+    ipmi_context_t context;
+    ipmid_callback_t handler;
+    int privilege;
+};
+
+/* Every ipmi_register_callback call so far, in call order. */
+const std::vector<Registration>& registrations();
+
+struct Answer
+{
+    uint8_t cc;
+    std::vector<uint8_t> data;
+};
+
+/* Hands one request to the handler registered for (netfn, cmd):
+ * - an unregistered pair answers 0xC1;
+ * - the request is passed in an IPMID_REQUEST_CAPACITY buffer zero-filled
+ *   past its end, the response buffer has IPMID_RESPONSE_CAPACITY bytes, and
+ *   exactly as many bytes as the handler stored in the length are kept;
+ * - a request longer than the capacity answers 0xC7 without a call;
+ * - an exception escaping the handler answers 0xFF and is reported on
+ *   standard error, and so is a response length beyond the capacity. */
+Answer dispatch(ipmi_netfn_t netfn, ipmi_cmd_t cmd, const uint8_t* request,
+                size_t length);
+
+/* The connection ipmid_get_sd_bus_connection() hands out; none by default.
+ * Connects to the bus at a D-Bus address (for example
+ * "unix:path=/tmp/sim/bus"); false and a message on failure. */
+bool connectBus(const std::string& address, std::string& error);
+void setBus(sd_bus* bus);
+
+/* Opens a provider the way the daemon does (dlopen with RTLD_NOW), which
+ * runs its static initializer and so its registrations. Returns the handle,
+ * or null with the loader's message in error. */
+void* loadPlugin(const std::string& path, std::string& error);
+
+/* Moves the process into namespaces of its own before it enters a sandbox
+ * root: a user namespace where it is not root already, a mount namespace
+ * and a PID namespace. The calling process stays behind, waits for its child
+ * (which continues as PID 1 of the new namespace) and exits with the child's
+ * status; only the child returns. Must be called before any D-Bus
+ * connection is made (sd-bus connections do not survive a fork) and before
+ * threads are started. */
+bool isolate(std::string& error);
+
+/* Makes dir the root directory of the process. Everything the process needs
+ * from the real root must be loaded before. After isolate(), the sandbox
+ * gets a /proc of its own PID namespace, so that tools such as killall see
+ * only the sandbox's processes; without isolate() it gets none, and without
+ * root privileges the process first enters a user namespace of its own. */
+bool enterRoot(const std::string& dir, std::string& error);
+
+/* The name of a completion code, as ipmitool prints it. */
+std::string completionCodeText(uint8_t cc);
+
+/* The exported name of a handler, or its address in hex. */
+std::string handlerName(ipmid_callback_t handler);
+
+} // namespace oemhost
