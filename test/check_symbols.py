@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Fails if a provider has undefined dynamic symbols that the daemon would not
+resolve: anything outside the daemon ABI, libc, the C++ runtime and
+libsystemd (plus the sanitizer runtimes in a sanitized build). The daemon
+silently skips a provider with one unresolved symbol."""
+
+import re
+import subprocess
+import sys
+
+DAEMON_ABI = {"ipmi_register_callback", "ipmid_get_sd_bus_connection"}
+ALLOWED_LIBS = re.compile(
+    r"^(libc\.so\.6|libm\.so\.6|libstdc\+\+\.so\.6|libgcc_s\.so\.1|"
+    r"libsystemd\.so\.0|ld-linux[^ ]*|"
+    r"libasan\.so\.\d+|libubsan\.so\.\d+|libtsan\.so\.\d+)$"
+)
+
+
+def run(*args):
+    return subprocess.run(args, check=True, capture_output=True, text=True).stdout
+
+
+def needed(path):
+    return re.findall(r"\(NEEDED\)\s+Shared library: \[([^\]]+)\]", run("readelf", "-d", path))
+
+
+def resolved_paths(path):
+    paths = {}
+    for line in run("ldd", path).splitlines():
+        m = re.match(r"\s*(\S+) => (/\S+)", line)
+        if m:
+            paths[m.group(1)] = m.group(2)
+    return paths
+
+
+def symbols(path, *flags):
+    names = set()
+    for line in run("nm", "-D", *flags, path).splitlines():
+        fields = line.split()
+        if not fields:
+            continue
+        kind, name = fields[-2], fields[-1]
+        if kind in ("w", "v"):  # weak: may stay unresolved
+            continue
+        names.add(name.split("@")[0])
+    return names
+
+
+def main(plugin):
+    problems = []
+    libs = needed(plugin)
+    for lib in libs:
+        if not ALLOWED_LIBS.match(lib):
+            problems.append(f"links {lib}, which the BMC's daemon does not provide")
+
+    paths = resolved_paths(plugin)
+    defined = set(DAEMON_ABI)
+    for lib in libs:
+        if ALLOWED_LIBS.match(lib) and lib in paths:
+            defined |= symbols(paths[lib], "--defined-only")
+
+    undefined = symbols(plugin, "--undefined-only")
+    for name in sorted(undefined - defined):
+        problems.append(f"undefined symbol {name}")
+
+    print(f"{plugin}: {len(undefined)} undefined symbols, needs {', '.join(libs)}")
+    for problem in problems:
+        print(f"  {problem}")
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1]))
