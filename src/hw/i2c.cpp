@@ -18,6 +18,11 @@
 namespace
 {
 
+// The supplies are usually bound to a kernel PMBus driver, which makes a
+// plain I2C_SLAVE (0x0703) fail with EBUSY; the forcing variant addresses
+// them anyway.
+constexpr unsigned long i2cSlaveRequest = 0x0706;
+
 int transfer(int fd, i2c_msg* msgs, unsigned count)
 {
     i2c_rdwr_ioctl_data data{msgs, count};
@@ -194,7 +199,7 @@ int smbus_read(int bus, uint8_t address, uint8_t command, uint8_t length,
         fprintf(stderr, "open psu file fail\n");
         return -1;
     }
-    if (ioctl(fd, I2C_SLAVE, static_cast<long>(address)) < 0)
+    if (ioctl(fd, i2cSlaveRequest, static_cast<long>(address)) < 0)
     {
         fprintf(stderr, "psu ioctl, I2C_SLAVE failed: %d.\n", errno);
         close(fd);
