@@ -9,16 +9,18 @@
 #include "handler.hpp"
 
 #include <cstdint>
-#include <map>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace
 {
 // Carried for compatibility with the platform's other providers; no handler
-// consults them.
-[[maybe_unused]] const std::map<std::string, uint16_t> interfaceNames = {
-    {"eth0", 0x0197}, {"eth1", 0x01A7}};
-[[maybe_unused]] const std::string selEntry = "SEL Entry";
+// consults them. Plain constants, so that no template code of ours ends up
+// among the exported symbols.
+[[maybe_unused]] constexpr std::pair<std::string_view, uint16_t>
+    interfaceNames[] = {{"eth0", 0x0197}, {"eth1", 0x01A7}};
+[[maybe_unused]] constexpr std::string_view selEntry = "SEL Entry";
 } // namespace
 
 oem::Bus dbus{ipmid_get_sd_bus_connection()};
