@@ -9,27 +9,13 @@
 #include "handler.hpp"
 
 #define OEM_UNIMPLEMENTED_HANDLERS(X)                                          \
-    X(set_pci_dev)                                                             \
-    X(get_pci_dev)                                                             \
-    X(set_cpu_dev)                                                             \
-    X(get_cpu_dev)                                                             \
-    X(set_dimm_info)                                                           \
-    X(get_dimm_info)                                                           \
-    X(set_onboard_nic)                                                         \
-    X(get_onboard_nic)                                                         \
-    X(set_offboard_nic)                                                        \
-    X(get_offboard_nic)                                                        \
     X(set_bmc_led)                                                             \
     X(get_bmc_led)                                                             \
     X(set_warn_led)                                                            \
     X(get_warn_led)                                                            \
-    X(set_onboard_hdd)                                                         \
-    X(get_onboard_hdd)                                                         \
     X(cpld_get_version)                                                        \
     X(bios_set_version)                                                        \
     X(bios_get_version)                                                        \
-    X(set_nic_dev)                                                             \
-    X(get_nic_dev)                                                             \
     X(set_fan_config)                                                          \
     X(get_fan_info)                                                            \
     X(get_riser_info)                                                          \
@@ -72,7 +58,6 @@
     X(get_psu_status)                                                          \
     X(get_eeprom_test)                                                         \
     X(get_mii_test)                                                            \
-    X(get_all_dimm_size)                                                       \
     X(get_total_power)                                                         \
     X(psu_get_version)                                                         \
     X(get_ssh_status)                                                          \

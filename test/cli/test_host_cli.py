@@ -224,7 +224,7 @@ class SandboxRoot(unittest.TestCase):
         result = host("--root", self.root, *over, "raw", "0x3a", "0x01")
         self.assertEqual((result.returncode, result.stdout), (0, " 0a 0b 0c 0d\n"), result.stderr)
         result = host("--root", self.root, "--batch", stdin="0x3a 0x05\n0x3a 0x01\n")
-        self.assertEqual(result.stdout, "c1\nc1\n")
+        self.assertEqual(result.stdout, "c1\n00 01\n")
 
     def test_missing_root_is_an_error(self):
         result = host("--root", self.root + "/none", "raw", "0x3a", "0x01")

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "ipmid-abi.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+
+namespace oem::wire
+{
+
+/* Byte i of a request of length bytes; bytes past the request read as zero,
+ * as the daemon's zero-filled request buffer would give them. */
+inline uint8_t requestByte(const void* request, uint32_t length, size_t i)
+{
+    return i < length ? static_cast<const uint8_t*>(request)[i] : 0;
+}
+
+/* Copies min(length, size) request bytes to out and zeroes the rest. */
+inline void requestBytes(const void* request, uint32_t length, void* out,
+                         size_t size)
+{
+    size_t n = std::min<size_t>(length, size);
+    memcpy(out, request, n);
+    memset(static_cast<uint8_t*>(out) + n, 0, size - n);
+}
+
+/* A request length as the int the EEPROM store takes. */
+inline int storeLength(uint32_t length)
+{
+    return static_cast<int>(std::min<uint32_t>(length, INT_MAX));
+}
+
+/* Answers the given bytes with completion code 0x00. */
+inline ipmi_ret_t reply(ipmi_response_t response, ipmi_data_len_t dataLen,
+                        std::initializer_list<uint8_t> bytes)
+{
+    std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t*>(response));
+    *dataLen = static_cast<uint32_t>(bytes.size());
+    return IPMI_CC_OK;
+}
+
+} // namespace oem::wire
