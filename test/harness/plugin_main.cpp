@@ -2,6 +2,7 @@
 // Runs the plug-in tests the way the daemon runs the plug-in: loaded through
 // the host, then inside a fresh sandbox root of the default board.
 
+#include "dbus.hpp"
 #include "plugin.hpp"
 
 #include <sys/wait.h>
@@ -28,13 +29,23 @@ int main(int argc, char** argv)
             fprintf(stderr, "%s\n", error.c_str());
             exit(1);
         }
+        // The plug-in builds its bus object when it is loaded: the bus
+        // comes first. Its processes end with our PID namespace.
+        testing_dbus::SimBus bus = testing_dbus::start(root);
+        if (!oemhost::connectBus(bus.address, error))
+        {
+            fprintf(stderr, "%s\n", error.c_str());
+            exit(1);
+        }
         g_plugin = oemhost::loadPlugin(OEM_PLUGIN_PATH, error);
         if (g_plugin == nullptr || !oemhost::enterRoot(root, error))
         {
             fprintf(stderr, "%s\n", error.c_str());
             exit(1);
         }
-        exit(RUN_ALL_TESTS());
+        int result = RUN_ALL_TESTS();
+        testing_dbus::stop(bus);
+        exit(result);
     }
     int status = 0;
     waitpid(child, &status, 0);
