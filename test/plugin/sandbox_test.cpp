@@ -58,7 +58,7 @@ TEST(Sandbox, StandInsWinOverBusyboxAppletsAndLogTheirCommandLine)
     writeFile("/var/sim/tools/halt.status", "4\n");
     EXPECT_EQ(shell("halt -f now; echo status=$?"), "halting\nstatus=4\n");
     EXPECT_EQ(shell("reboot"), "");
-    EXPECT_EQ(readFile("/var/log/sim/commands.log"), "halt -f now\nreboot \n");
+    EXPECT_EQ(readFile("/var/log/sim/commands.log"), "halt -f now\nreboot\n");
     unlink("/var/sim/tools/halt.out");
     unlink("/var/sim/tools/halt.status");
 }

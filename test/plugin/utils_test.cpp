@@ -50,7 +50,7 @@ TEST(ResetBmc, ReportsSuccessAndRunsReboot)
     testing::internal::CaptureStderr();
     EXPECT_EQ(resetBmc(10), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "reset_bmc succeed\n");
-    EXPECT_EQ(readFile("/var/log/sim/commands.log"), "reboot \n");
+    EXPECT_EQ(readFile("/var/log/sim/commands.log"), "reboot\n");
 }
 
 TEST(ReadWriteByte, AccessOneByteThroughAPointer)
