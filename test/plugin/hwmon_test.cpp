@@ -18,7 +18,9 @@ constexpr const char* cachePath = "/var/log/hwmonfullname";
 constexpr const char* boardCache =
     "OF_FULLNAME=/ahb/apb/pwm-tacho-controller@1e786000,hwmonid=0;\n"
     "OF_FULLNAME=/ahb/apb/adc@1e6e9000,hwmonid=1;\n"
-    "OF_FULLNAME=/ahb/apb/i2c@1e78a000/i2c-bus@400/tmp75@48,hwmonid=2;\n";
+    "OF_FULLNAME=/ahb/apb/i2c@1e78a000/i2c-bus@400/tmp75@48,hwmonid=2;\n"
+    "OF_FULLNAME=/ahb/apb/i2c@1e78a000/i2c-bus@340/asp2500@58,hwmonid=3;\n"
+    "OF_FULLNAME=/ahb/apb/i2c@1e78a000/i2c-bus@340/asp2500@59,hwmonid=4;\n";
 
 class Hwmon : public testing::Test
 {
@@ -92,11 +94,11 @@ TEST_F(Hwmon, MatchesTheLowestNumberedFullNameThatContainsTheName)
 
 TEST_F(Hwmon, DeviceWithoutFullNameGivesALineWithAnEmptyName)
 {
-    writeFile("/sys/class/hwmon/hwmon3/uevent", "OF_NAME=lm75\n");
+    writeFile("/sys/class/hwmon/hwmon5/uevent", "OF_NAME=lm75\n");
     int id = 42;
     EXPECT_EQ(find("lm75", id), -1);
     EXPECT_EQ(id, 42);
-    EXPECT_EQ(readFile(cachePath), std::string(boardCache) + ",hwmonid=3;\n");
+    EXPECT_EQ(readFile(cachePath), std::string(boardCache) + ",hwmonid=5;\n");
 }
 
 TEST_F(Hwmon, EmptyHwmonClassGivesAnEmptyCache)
