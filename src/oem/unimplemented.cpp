@@ -14,8 +14,6 @@
     X(set_warn_led)                                                            \
     X(get_warn_led)                                                            \
     X(cpld_get_version)                                                        \
-    X(bios_set_version)                                                        \
-    X(bios_get_version)                                                        \
     X(set_fan_config)                                                          \
     X(get_fan_info)                                                            \
     X(get_riser_info)                                                          \
@@ -27,12 +25,9 @@
     X(get_chassis_intrusion)                                                   \
     X(get_fan_pid_info)                                                        \
     X(set_fan_pid_info)                                                        \
-    X(get_system_uuid)                                                         \
-    X(set_system_uuid)                                                         \
     X(get_p2a_switch)                                                          \
     X(set_p2a_switch)                                                          \
     X(get_cpld_update)                                                         \
-    X(get_bmc_uuid)                                                            \
     X(get_bmc_sol_status)                                                      \
     X(set_bmc_sol_status)                                                      \
     X(get_high_temp_detect_status)                                             \
@@ -46,10 +41,7 @@
     X(get_gpio_value)                                                          \
     X(set_gpio_value)                                                          \
     X(get_cpu_status)                                                          \
-    X(get_bios_reset)                                                          \
     X(set_reset_factory)                                                       \
-    X(get_bios_configure)                                                      \
-    X(set_bios_configure)                                                      \
     X(set_restriction_mode)                                                    \
     X(get_restriction_mode)                                                    \
     X(get_sw_hw_version)                                                       \
