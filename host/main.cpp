@@ -27,6 +27,23 @@
 namespace
 {
 
+// Answers are printed here; standard output itself is pointed at standard
+// error while the plug-in runs, because some of its diagnostics are printed
+// on standard output and must not mix with the answer bytes.
+FILE* answers = stdout;
+
+void separateAnswersFromDiagnostics()
+{
+    fflush(stdout);
+    int fd = dup(STDOUT_FILENO);
+    FILE* stream = fd >= 0 ? fdopen(fd, "w") : nullptr;
+    if (stream == nullptr || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+    {
+        return;
+    }
+    answers = stream;
+}
+
 void usage(FILE* out)
 {
     fprintf(
@@ -124,13 +141,13 @@ int runRaw(uint8_t netfn, uint8_t cmd, const std::vector<uint8_t>& data)
         {
             if (i % 16 == 0 && i != 0)
             {
-                printf("\n");
+                fprintf(answers, "\n");
             }
-            printf(" %02x", answer.data[i]);
+            fprintf(answers, " %02x", answer.data[i]);
         }
-        printf("\n");
+        fprintf(answers, "\n");
     }
-    fflush(stdout);
+    fflush(answers);
     return answer.cc == 0 ? 0 : 1;
 }
 
@@ -156,19 +173,19 @@ int runBatch()
         std::string error;
         if (!parseRequest(tokens, netfn, cmd, data, error))
         {
-            printf("error: %s\n", error.c_str());
-            fflush(stdout);
+            fprintf(answers, "error: %s\n", error.c_str());
+            fflush(answers);
             status = 1;
             continue;
         }
         auto answer = oemhost::dispatch(netfn, cmd, data.data(), data.size());
-        printf("%02x", answer.cc);
+        fprintf(answers, "%02x", answer.cc);
         for (uint8_t byte : answer.data)
         {
-            printf(" %02x", byte);
+            fprintf(answers, " %02x", byte);
         }
-        printf("\n");
-        fflush(stdout);
+        fprintf(answers, "\n");
+        fflush(answers);
     }
     return status;
 }
@@ -290,6 +307,8 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    separateAnswersFromDiagnostics();
+
     // Namespaces first (they take a fork), then everything from the real
     // root: the D-Bus connection, the provider and all it links. Only then
     // the sandbox.
@@ -322,9 +341,9 @@ int main(int argc, char** argv)
     {
         for (const auto& entry : oemhost::registrations())
         {
-            printf("0x%02x 0x%02x 0x%02x %s\n", entry.netfn, entry.cmd,
-                   entry.privilege,
-                   oemhost::handlerName(entry.handler).c_str());
+            fprintf(answers, "0x%02x 0x%02x 0x%02x %s\n", entry.netfn,
+                    entry.cmd, entry.privilege,
+                    oemhost::handlerName(entry.handler).c_str());
         }
         return 0;
     }

@@ -17,6 +17,7 @@
 // OpenIPMI's server headers are plain C without C++ guards.
 extern "C"
 {
+#include <OpenIPMI/lanserv.h>
 #include <OpenIPMI/mcserv.h>
 #include <OpenIPMI/msg.h>
 }
@@ -26,6 +27,7 @@ extern "C"
 #include <cstring>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -79,25 +81,71 @@ Options parseOptions(const char* text)
     return parsed;
 }
 
-void handle(lmc_data_t*, msg_t* msg, unsigned char* rdata,
-            unsigned int* rdata_len, void*)
+// Largest answer we hand to ipmi_sim's LAN channel, completion code
+// included: one IPMI message.
+constexpr size_t maxAnswer = IPMI_SIM_MAX_MSG_LENGTH;
+// Channel medium type of an 802.3 LAN channel.
+constexpr unsigned lanMedium = 4;
+
+bool registered(uint8_t netfn, uint8_t cmd)
+{
+    for (const auto& entry : oemhost::registrations())
+    {
+        if (entry.netfn == netfn && entry.cmd == cmd)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Builds the response bytes: completion code first, then the data.
+std::vector<uint8_t> respond(msg_t* msg)
 {
     auto answer = oemhost::dispatch(msg->netfn, msg->cmd, msg->data, msg->len);
-    // ipmi_sim's response buffer holds one IPMI message; the completion
-    // code comes first.
-    unsigned int room =
-        std::min<unsigned int>(*rdata_len, IPMI_SIM_MAX_MSG_LENGTH);
-    if (answer.data.size() + 1 > room)
+    std::vector<uint8_t> bytes{answer.cc};
+    if (answer.data.size() + 1 > maxAnswer)
     {
         log("answer of netfn " + std::to_string(msg->netfn) + " cmd " +
             std::to_string(msg->cmd) + " does not fit in one message");
-        rdata[0] = 0xCA; // cannot return the number of bytes requested
-        *rdata_len = 1;
-        return;
+        bytes[0] = 0xCA; // cannot return the number of bytes requested
+        return bytes;
     }
-    rdata[0] = answer.cc;
-    std::copy(answer.data.begin(), answer.data.end(), rdata + 1);
-    *rdata_len = static_cast<unsigned int>(answer.data.size() + 1);
+    bytes.insert(bytes.end(), answer.data.begin(), answer.data.end());
+    return bytes;
+}
+
+// ipmi_sim's command handlers answer into a 36-byte buffer, too small for
+// most OEM answers, so the LAN channel's OEM hook answers our commands
+// itself, with up to one full IPMI message.
+int handleOnChannel(channel_t* chan, msg_t* msg)
+{
+    if (!registered(msg->netfn, msg->cmd))
+    {
+        return 0;
+    }
+    auto bytes = respond(msg);
+    rsp_msg_t rsp{};
+    rsp.netfn = static_cast<uint8_t>(msg->netfn | 1);
+    rsp.cmd = msg->cmd;
+    rsp.data_len = static_cast<unsigned short>(bytes.size());
+    rsp.data = bytes.data();
+    chan->return_rsp(chan, msg, &rsp);
+    return 1;
+}
+
+// The registration with ipmi_sim's command table stays, for paths that do
+// not come through the LAN channel; they get what fits in their buffer.
+void handle(lmc_data_t*, msg_t* msg, unsigned char* rdata,
+            unsigned int* rdata_len, void*)
+{
+    auto bytes = respond(msg);
+    if (bytes.size() > *rdata_len)
+    {
+        bytes.assign(1, 0xCA);
+    }
+    std::copy(bytes.begin(), bytes.end(), rdata);
+    *rdata_len = static_cast<unsigned int>(bytes.size());
 }
 
 bool installOverrides(void* plugin, const std::string& list)
@@ -194,8 +242,26 @@ __attribute__((visibility("default"))) int
 }
 
 __attribute__((visibility("default"))) int
-    ipmi_sim_module_post_init(sys_data_t*)
+    ipmi_sim_module_post_init(sys_data_t* sys)
 {
+    lmc_data_t* bmc = sys->ipmb_addrs[sys->bmc_ipmb];
+    channel_t** channels =
+        bmc != nullptr ? sys->mc_get_channelset(bmc) : nullptr;
+    for (unsigned i = 0; channels != nullptr && i < IPMI_MAX_CHANNELS; ++i)
+    {
+        channel_t* chan = channels[i];
+        if (chan != nullptr && chan->medium_type == lanMedium)
+        {
+            if (chan->oem.oem_handle_msg != nullptr)
+            {
+                log("channel " + std::to_string(i) +
+                    " already has an OEM handler; leaving it");
+                continue;
+            }
+            chan->oem.oem_handle_msg = handleOnChannel;
+        }
+    }
+
     if (options.root.empty())
     {
         return 0;

@@ -171,9 +171,12 @@ class Raw(unittest.TestCase):
     def test_error_code_still_prints_the_bytes_the_handler_wrote(self):
         result = host("raw", "0x3a", "0x02", "0xde", "0xad", plugin=ECHO)
         self.assertEqual(result.returncode, 1)
+        # The provider's own stdout diagnostics go to stderr, away from the
+        # answer bytes.
         self.assertEqual(result.stdout, " de ad\n")
         self.assertEqual(
             result.stderr,
+            "echo provider: invalid field\n"
             "Unable to send RAW command (channel=0x0 netfn=0x3a lun=0x0 "
             "cmd=0x2 rsp=0xcc): Invalid data field in request\n",
         )

@@ -11,6 +11,7 @@ import tempfile
 import unittest
 
 BMC_SIM = os.environ["OEM_BMC_SIM"]
+HOST = os.environ["OEM_HOST"]
 
 
 def free_udp_port():
@@ -64,6 +65,25 @@ class SimulatedBmc(unittest.TestCase):
         self.assertNotEqual(gone.returncode, 0)
         self.assertTrue(os.path.isfile(os.path.join(self.root, "dev/mem")),
                         "a named root is kept after stop")
+
+    def test_ipmitool_and_the_host_give_the_same_answers(self):
+        up = self.sim("up", "--detach", "--port", str(self.port), "--root", self.root)
+        self.assertEqual(up.returncode, 0, up.stdout + up.stderr)
+        bus = "unix:path=" + os.path.join(self.root, "run/dbus/system_bus_socket")
+        requests = [
+            ["0x3a", "0x02", "0x01"],  # a NetFn 0x3A command with data
+            ["0x30", "0x16"],          # a NetFn 0x30 command
+            ["0x3a", "0x05"],          # not registered: 0xC1
+        ]
+        for request in requests:
+            lan = self.ipmitool(*request)
+            local = subprocess.run(
+                [HOST, "--root", self.root, "--bus", bus, "raw", *request],
+                capture_output=True, text=True, timeout=60)
+            self.assertEqual(lan.returncode, local.returncode, request)
+            self.assertEqual(lan.stdout, local.stdout, request)
+            if lan.returncode != 0:
+                self.assertIn(local.stderr.splitlines()[-1], lan.stderr, request)
 
     def test_a_second_simulator_on_a_busy_port_fails_cleanly(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as busy:
