@@ -52,15 +52,6 @@ long long fileSize(FILE* file)
     return status.st_size;
 }
 
-// The record numbers the BIOS can reach run past the record area; one of
-// them would land on the system UUID, which only the UUID commands may
-// change.
-bool overlapsUuid(long long offset, long long length)
-{
-    return offset < EEPROM_UUID_OFFSET + EEPROM_UUID_SIZE &&
-           offset + length > EEPROM_UUID_OFFSET;
-}
-
 void reportTooSmall(long long offset)
 {
     fprintf(stderr,
@@ -126,14 +117,6 @@ int eeprom_store_data(BIOS_DATA_FLAGS flags, BIOS_DATA_TYPE type, int record,
                                                         : 0;
         // Clearing what lies past the end would only grow the file.
         bytes.assign(static_cast<size_t>(std::min(span, size - offset)), 0);
-    }
-
-    if (overlapsUuid(offset, static_cast<long long>(bytes.size())))
-    {
-        fprintf(stderr, " %s record %d would overwrite the system UUID\n", path,
-                record);
-        fclose(file);
-        return -1;
     }
 
     bool ok = true;

