@@ -32,7 +32,6 @@
     X(set_bmc_sol_status)                                                      \
     X(get_high_temp_detect_status)                                             \
     X(set_high_temp_detect_status)                                             \
-    X(get_psu_info)                                                            \
     X(get_jbod_i2c_data)                                                       \
     X(set_jbod_i2c_data)                                                       \
     X(get_board_id)                                                            \
@@ -46,15 +45,10 @@
     X(get_restriction_mode)                                                    \
     X(get_sw_hw_version)                                                       \
     X(get_ncsi_test)                                                           \
-    X(get_sys_status)                                                          \
-    X(get_psu_status)                                                          \
     X(get_eeprom_test)                                                         \
     X(get_mii_test)                                                            \
-    X(get_total_power)                                                         \
-    X(psu_get_version)                                                         \
     X(get_ssh_status)                                                          \
     X(set_ssh_status)                                                          \
-    X(get_power_consumption)                                                   \
     X(get_audit_log)                                                           \
     X(set_allow_list)                                                          \
     X(del_allow_list)                                                          \

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+// LINEAR11 decoding and the location-file splitter.
+
+#include "power/psu_location.hpp"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+TEST(Linear11, UnsignedMantissaSignedExponent)
+{
+    struct Case
+    {
+        uint16_t word;
+        int value;
+    };
+    const Case cases[] = {
+        {0xF8F0, 120},                     // exponent -1, mantissa 240
+        {0xF840, 32},                      // AC lost
+        {0xF9CC, 230},                     // the default board's READ_VIN
+        {0x07FF, 2047},                    // top mantissa bit is not a sign
+        {0x0320, 800},                     // exponent 0
+        {0x0801, 2},                       // exponent 1 shifts left
+        {0x7FFF, 2047 << 15}, {0x87FF, 0}, // exponent -16: 2047 >> 16
+        {0xC7FF, 7},                       // exponent -8
+        {0x0000, 0},
+    };
+    for (const auto& c : cases)
+    {
+        EXPECT_EQ(oem::linear11(static_cast<uint8_t>(c.word & 0xFF),
+                                static_cast<uint8_t>(c.word >> 8)),
+                  c.value)
+            << std::hex << c.word;
+    }
+}
+
+TEST(PsuSplit, PiecesBetweenDelimiters)
+{
+    using Pieces = std::vector<std::string>;
+    struct Case
+    {
+        std::string text;
+        std::string delimiter;
+        Pieces pieces;
+    };
+    const Case cases[] = {
+        {"I2CBUS=8", "=", {"I2CBUS", "8"}},
+        {"I2CBUS=8=9", "=", {"I2CBUS", "8", "9"}},
+        {"I2CBUS=", "=", {"I2CBUS", ""}},
+        {"a==b", "=", {"a", "", "b"}},
+        {"=a", "=", {"", "a"}},
+        {"plain", "=", {"plain"}},
+        {"", "=", {}},
+        {"a: b: c", ": ", {"a", "b", "c"}},
+        {"a:b", ": ", {"a:b"}},
+    };
+    for (const auto& c : cases)
+    {
+        EXPECT_EQ(psu_split_m7r(c.text, c.delimiter), c.pieces) << c.text;
+    }
+}
+
+TEST(PsuSplit, LocationValueIsDecimalLowByte)
+{
+    EXPECT_EQ(oem::locationValue("88"), 88);
+    EXPECT_EQ(oem::locationValue("0x58"), 0);
+    EXPECT_EQ(oem::locationValue("264"), 8);
+    EXPECT_EQ(oem::locationValue(""), 0);
+    EXPECT_EQ(oem::locationValue("8\r"), 8);
+}
+
+} // namespace
