@@ -28,18 +28,10 @@
     X(get_p2a_switch)                                                          \
     X(set_p2a_switch)                                                          \
     X(get_cpld_update)                                                         \
-    X(get_bmc_sol_status)                                                      \
-    X(set_bmc_sol_status)                                                      \
     X(get_high_temp_detect_status)                                             \
     X(set_high_temp_detect_status)                                             \
-    X(get_jbod_i2c_data)                                                       \
-    X(set_jbod_i2c_data)                                                       \
-    X(get_board_id)                                                            \
     X(set_eth_status)                                                          \
     X(set_default_user)                                                        \
-    X(get_gpio_value)                                                          \
-    X(set_gpio_value)                                                          \
-    X(get_cpu_status)                                                          \
     X(set_reset_factory)                                                       \
     X(set_restriction_mode)                                                    \
     X(get_restriction_mode)                                                    \
