@@ -284,8 +284,11 @@ ipmi_ret_t ipmi_vel_oem_get_sys_status(ipmi_netfn_t, ipmi_cmd_t,
                                        ipmi_data_len_t data_len, ipmi_context_t)
 {
     auto* out = static_cast<uint8_t*>(response);
-    uint8_t selector =
-        request != nullptr ? static_cast<const uint8_t*>(request)[0] : 0xFF;
+    // An empty request selects nothing: it is answered as an unknown
+    // selector, without reading past the request.
+    uint8_t selector = request != nullptr && *data_len > 0
+                           ? static_cast<const uint8_t*>(request)[0]
+                           : 0xFF;
     if (selector == 1)
     {
         uint8_t nonrecoverable = 0;

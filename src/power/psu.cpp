@@ -201,8 +201,10 @@ ipmi_ret_t ipmi_vel_oem_get_psu_status(ipmi_netfn_t, ipmi_cmd_t,
                                        ipmi_data_len_t data_len, ipmi_context_t)
 {
     auto* out = static_cast<uint8_t*>(response);
-    int index =
-        request != nullptr ? static_cast<const uint8_t*>(request)[0] : 0;
+    // An empty request names no supply: answered as a bad index.
+    int index = request != nullptr && *data_len > 0
+                    ? static_cast<const uint8_t*>(request)[0]
+                    : 0;
     if (index != 1 && index != 2)
     {
         out[0] = 0x02;
@@ -255,7 +257,8 @@ ipmi_ret_t ipmi_vel_oem_get_psu_info(ipmi_netfn_t, ipmi_cmd_t,
                                      ipmi_data_len_t data_len, ipmi_context_t)
 {
     auto* out = static_cast<uint8_t*>(response);
-    if (request == nullptr)
+    // An empty request carries no selector: the same as none at all.
+    if (request == nullptr || *data_len == 0)
     {
         fprintf(stderr, "oem_get_psu_info Parameter is NULL.\n");
         out[0] = 0x80;
@@ -372,8 +375,9 @@ ipmi_ret_t ipmi_vel_oem_psu_get_version(ipmi_netfn_t, ipmi_cmd_t,
                                         ipmi_context_t)
 {
     auto* out = static_cast<uint8_t*>(response);
-    uint8_t selector =
-        request != nullptr ? static_cast<const uint8_t*>(request)[0] : 0;
+    uint8_t selector = request != nullptr && *data_len > 0
+                           ? static_cast<const uint8_t*>(request)[0]
+                           : 0;
     // 1 is the first supply; anything else the second.
     const char* path =
         selector == 1 ? "/run/psu0.version" : "/run/psu1.version";
