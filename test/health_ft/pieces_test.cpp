@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The audit record splitter and text, and the EEPROM block test on a
-// simulated part whose faults can be chosen.
+// The audit record splitter, and the EEPROM block test on a simulated part
+// whose faults can be chosen.
 
 #include "health/audit.hpp"
 #include "health/factory.hpp"
@@ -72,38 +72,6 @@ TEST(AuditLog, SplitsOnRunsOfBlanksIntoAtMostTwentyFields)
     for (const auto& c : cases)
     {
         EXPECT_EQ(split(c.line), c.fields) << '"' << c.line << '"';
-    }
-}
-
-TEST(AuditLog, RecordTextDropsFieldsTwoToFourAndTheUserPrefix)
-{
-    struct Case
-    {
-        const char* what;
-        int number;
-        std::string line;
-        std::string text;
-    };
-    const Case cases[] = {
-        {"a login record", 2,
-         "2020-01-08 09:40:02 bmc webserver[812]: WARN 192.168.0.33 user:root "
-         "Login failed: wrong password\n",
-         "2|2020-01-08 09:40:02|192.168.0.33|root|Login failed: wrong "
-         "password\n \n"},
-        {"exactly seven fields", 7, "d t h p l 10.0.0.1 user:admin\n",
-         "7|d t|10.0.0.1|admin\n|\n"},
-        {"field 6 shorter than its prefix", 1, "d t h p l ip usr",
-         "1|d t|ip||\n"},
-        {"fields missing", 3, "d t h", "3|d t|||\n"},
-        {"an empty line", 4, "", "4| |||\n"},
-        {"fields past the twentieth", 9, numbered(0, 25),
-         "9|f0 f1|f5||f7 f8 f9 f10 f11 f12 f13 f14 f15 f16 f17 f18 f19 \n"},
-    };
-    for (const auto& c : cases)
-    {
-        std::string line = c.line;
-        EXPECT_EQ(oem::auditRecordText(c.number, line.data()), c.text)
-            << c.what;
     }
 }
 
@@ -255,17 +223,6 @@ TEST(EepromTest, CoversTheFirstFourKilobytesOnly)
     EXPECT_EQ(part.reads, 64);
     EXPECT_EQ(part.writes, 64);
     EXPECT_EQ(part.bytes, contents());
-}
-
-TEST(EepromTest, PatternAlternatesStartingWith0x55)
-{
-    Bytes expected;
-    for (int i = 0; i < 64; ++i)
-    {
-        expected.push_back(0x55);
-        expected.push_back(0xAA);
-    }
-    EXPECT_EQ(pattern(), expected);
 }
 
 } // namespace
