@@ -11,9 +11,15 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
 
 namespace oemhost
 {
@@ -274,6 +280,123 @@ bool enterRoot(const std::string& dir, std::string& error)
     return true;
 }
 
+namespace
+{
+
+// ipmitool's rule for a byte: decimal or 0x hex, the whole word, 0..255.
+bool parseSensorByte(const std::string& word, uint8_t& value)
+{
+    if (word.empty() || word[0] == '-' || word[0] == '+')
+    {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    unsigned long number = strtoul(word.c_str(), &end, 0);
+    if (errno != 0 || *end != '\0' || number > 0xFF)
+    {
+        return false;
+    }
+    value = static_cast<uint8_t>(number);
+    return true;
+}
+
+// What ipmid_sensor_table() last handed out; it points into these.
+struct SensorTableStore
+{
+    std::vector<SensorRecord> records;
+    std::vector<std::vector<ipmid_sensor_property>> properties;
+    std::vector<ipmid_sensor_info> infos;
+};
+
+SensorTableStore& sensorTableStore()
+{
+    static SensorTableStore store;
+    return store;
+}
+
+} // namespace
+
+std::vector<SensorRecord> parseSensorTable(std::istream& in,
+                                           std::vector<std::string>& errors)
+{
+    std::map<uint8_t, SensorRecord> byNumber;
+    std::string line;
+    for (int lineNumber = 1; std::getline(in, line); ++lineNumber)
+    {
+        std::istringstream words(line);
+        std::vector<std::string> fields;
+        for (std::string word; words >> word;)
+        {
+            fields.push_back(word);
+        }
+        if (fields.empty() || fields[0][0] == '#')
+        {
+            continue;
+        }
+        auto fail = [&](const std::string& message) {
+            errors.push_back(std::to_string(lineNumber) + ": " + message);
+        };
+        if (fields.size() < 4)
+        {
+            fail("want NUMBER TYPE PATH INTERFACE [INTERFACE:PROPERTY...]");
+            continue;
+        }
+        SensorRecord record{};
+        if (!parseSensorByte(fields[0], record.number))
+        {
+            fail("bad sensor number '" + fields[0] + "'");
+            continue;
+        }
+        if (!parseSensorByte(fields[1], record.type))
+        {
+            fail("bad sensor type '" + fields[1] + "'");
+            continue;
+        }
+        if (fields[2][0] != '/')
+        {
+            fail("bad object path '" + fields[2] + "'");
+            continue;
+        }
+        if (byNumber.contains(record.number))
+        {
+            fail("sensor number " + fields[0] + " given twice");
+            continue;
+        }
+        record.path = fields[2];
+        record.interface = fields[3];
+        std::set<std::pair<std::string, std::string>> properties;
+        bool good = true;
+        for (size_t i = 4; i < fields.size(); ++i)
+        {
+            auto colon = fields[i].find(':');
+            if (colon == 0 || colon == std::string::npos ||
+                colon + 1 == fields[i].size())
+            {
+                fail("bad property '" + fields[i] +
+                     "' (want INTERFACE:PROPERTY)");
+                good = false;
+                break;
+            }
+            properties.emplace(fields[i].substr(0, colon),
+                               fields[i].substr(colon + 1));
+        }
+        if (!good)
+        {
+            continue;
+        }
+        record.properties.assign(properties.begin(), properties.end());
+        byNumber.emplace(record.number, std::move(record));
+    }
+    std::vector<SensorRecord> records;
+    records.reserve(byNumber.size());
+    for (auto& [number, record] : byNumber)
+    {
+        records.push_back(std::move(record));
+    }
+    return records;
+}
+
 std::string completionCodeText(uint8_t cc)
 {
     switch (cc)
@@ -366,5 +489,39 @@ __attribute__((visibility("default"))) void
 __attribute__((visibility("default"))) sd_bus* ipmid_get_sd_bus_connection(void)
 {
     return oemhost::hostBus;
+}
+
+__attribute__((visibility("default"))) const struct ipmid_sensor_info*
+    ipmid_sensor_table(size_t* count)
+{
+    auto& store = oemhost::sensorTableStore();
+    store = {};
+    std::ifstream in(oemhost::sensorTablePath);
+    if (in)
+    {
+        std::vector<std::string> errors;
+        store.records = oemhost::parseSensorTable(in, errors);
+        for (const auto& error : errors)
+        {
+            fprintf(stderr, "ipmi-oem-host: %s:%s\n", oemhost::sensorTablePath,
+                    error.c_str());
+        }
+    }
+    for (const auto& record : store.records)
+    {
+        auto& properties = store.properties.emplace_back();
+        for (const auto& [interface, property] : record.properties)
+        {
+            properties.push_back({interface.c_str(), property.c_str()});
+        }
+        store.infos.push_back({record.number, record.type, record.path.c_str(),
+                               record.interface.c_str(), properties.data(),
+                               properties.size()});
+    }
+    if (count != nullptr)
+    {
+        *count = store.infos.size();
+    }
+    return store.infos.data();
 }
 }

@@ -5,7 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <istream>
 #include <string>
+#include <utility>
 #include <vector>
 
 /* The host side of the daemon ABI: it collects the registrations a provider
@@ -70,6 +72,35 @@ bool isolate(std::string& error);
  * only the sandbox's processes; without isolate() it gets none, and without
  * root privileges the process first enters a user namespace of its own. */
 bool enterRoot(const std::string& dir, std::string& error);
+
+/* The daemon's sensor table as the host hands it out through
+ * ipmid_sensor_table(): read from sensorTablePath (relative to the current
+ * root, so the sandbox's once the host entered it) on every call, so that
+ * a change to the file counts from the next request on. No file: an empty
+ * table. */
+constexpr const char* sensorTablePath = "/var/sim/ipmid/sensors";
+
+struct SensorRecord
+{
+    uint8_t number;
+    uint8_t type;
+    std::string path;
+    std::string interface;
+    /* (interface, property), ordered. */
+    std::vector<std::pair<std::string, std::string>> properties;
+
+    bool operator==(const SensorRecord&) const = default;
+};
+
+/* Reads a sensor table description: one sensor a line,
+ *   NUMBER TYPE PATH INTERFACE [PROPERTY-INTERFACE:PROPERTY...]
+ * numbers decimal or 0x hex (0..255), blank lines and # comments ignored.
+ * Returns the records ordered by sensor number, each one's properties
+ * ordered by interface, then name, as the daemon's maps hold them. A line
+ * that cannot be read is left out and described in errors as
+ * "LINE: message". */
+std::vector<SensorRecord> parseSensorTable(std::istream& in,
+                                           std::vector<std::string>& errors);
 
 /* The name of a completion code, as ipmitool prints it. */
 std::string completionCodeText(uint8_t cc);

@@ -74,6 +74,35 @@ void ipmi_register_callback(ipmi_netfn_t netfn, ipmi_cmd_t cmd,
 /* The daemon's own D-Bus connection; may be NULL. */
 sd_bus* ipmid_get_sd_bus_connection(void);
 
+/* One property the daemon reads for a sensor. */
+struct ipmid_sensor_property
+{
+    const char* interface;
+    const char* property;
+};
+
+/* One record of the daemon's sensor table, as plain data: the sensor
+ * number, its IPMI sensor type code, its D-Bus object, the interface its
+ * service is looked up by, and the properties read for it, ordered by
+ * interface, then property name. */
+struct ipmid_sensor_info
+{
+    uint8_t number;
+    uint8_t type;
+    const char* path;
+    const char* interface;
+    const struct ipmid_sensor_property* properties;
+    size_t property_count;
+};
+
+/*
+ * Optional hook: the daemon's sensor table, ordered by sensor number, with
+ * the number of records in *count. The records stay valid until the next
+ * call. Not every daemon provides it, so providers reference it weakly and
+ * take a null address as an empty table.
+ */
+const struct ipmid_sensor_info* ipmid_sensor_table(size_t* count);
+
 #ifdef __cplusplus
 }
 #endif

@@ -18,10 +18,6 @@
     X(get_fan_info)                                                            \
     X(get_riser_info)                                                          \
     X(get_explorer)                                                            \
-    X(get_exCard_info)                                                         \
-    X(set_middCard_info)                                                       \
-    X(get_middCard_info)                                                       \
-    X(get_boardCard_info)                                                      \
     X(get_chassis_intrusion)                                                   \
     X(get_fan_pid_info)                                                        \
     X(set_fan_pid_info)                                                        \
