@@ -30,21 +30,12 @@
     X(get_cpld_update)                                                         \
     X(get_high_temp_detect_status)                                             \
     X(set_high_temp_detect_status)                                             \
-    X(set_eth_status)                                                          \
-    X(set_default_user)                                                        \
     X(set_reset_factory)                                                       \
-    X(set_restriction_mode)                                                    \
-    X(get_restriction_mode)                                                    \
     X(get_sw_hw_version)                                                       \
     X(get_ncsi_test)                                                           \
     X(get_eeprom_test)                                                         \
     X(get_mii_test)                                                            \
-    X(get_ssh_status)                                                          \
-    X(set_ssh_status)                                                          \
     X(get_audit_log)                                                           \
-    X(set_allow_list)                                                          \
-    X(del_allow_list)                                                          \
-    X(get_allow_list)                                                          \
     X(set_bmc_led_FT)                                                          \
     X(get_bmc_led_FT)
 
