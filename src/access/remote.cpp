@@ -35,10 +35,8 @@ using oem::wire::requestByte;
 namespace
 {
 
-constexpr const char* sshFlagFile = "/etc/ssh_forbid.conf";
 constexpr const char* allowListFile = "/etc/default/obmc/ip";
 
-constexpr const char* modeService = "xyz.openbmc_project.Settings";
 constexpr const char* modePath =
     "/xyz/openbmc_project/control/host0/restriction_mode";
 constexpr const char* modeInterface =
@@ -124,16 +122,39 @@ bool appendLine(const char* path, const std::string& entry)
     return ok;
 }
 
-} // namespace
-
-namespace oem::access
-{
-
+// The request as a zero-terminated text: its bytes up to the first zero
+// byte, or all of them when there is none; never reads past length.
 std::string requestText(const void* request, uint32_t length)
 {
     const char* text = static_cast<const char*>(request);
     return std::string(text, strnlen(text, length));
 }
+
+// The settings service's value for a restriction-mode byte, or nothing
+// for a byte above 5.
+std::optional<std::string> restrictionModeValue(uint8_t mode)
+{
+    if (mode >= modeNames.size())
+    {
+        return std::nullopt;
+    }
+    return std::string(modePrefix) + modeNames[mode];
+}
+
+// What the SSH flag file says: 1 while SSH is forbidden, else 0.
+uint8_t sshStatusFromFlag(const char* text)
+{
+    if (strstr(text, "false") != nullptr || strstr(text, "can't") != nullptr)
+    {
+        return 0;
+    }
+    return text[0] != '\0' ? 1 : 0;
+}
+
+} // namespace
+
+namespace oem::access
+{
 
 bool validUserName(std::string_view name)
 {
@@ -166,6 +187,13 @@ bool validAllowListEntry(std::string_view entry)
     {
         return false;
     }
+    // Only what addresses are written with; this also keeps out a zero
+    // byte, which inet_pton would take for the end.
+    if (entry.find_first_not_of("0123456789abcdefABCDEF.:/") !=
+        std::string_view::npos)
+    {
+        return false;
+    }
     std::string_view address = entry;
     std::string_view prefix;
     bool hasPrefix = false;
@@ -175,8 +203,6 @@ bool validAllowListEntry(std::string_view entry)
         prefix = entry.substr(slash + 1);
         hasPrefix = true;
     }
-    // inet_pton reads a zero-terminated text; copying also drops anything
-    // it might skip.
     std::string text(address);
     std::array<unsigned char, 16> binary{};
     int maxPrefix = 0;
@@ -213,15 +239,6 @@ bool validAllowListEntry(std::string_view entry)
     return bits <= maxPrefix;
 }
 
-std::optional<std::string> restrictionModeValue(uint8_t mode)
-{
-    if (mode >= modeNames.size())
-    {
-        return std::nullopt;
-    }
-    return std::string(modePrefix) + modeNames[mode];
-}
-
 std::optional<uint8_t> restrictionModeByte(const std::string& value)
 {
     // The name is whatever follows the prefix up to the first blank, cut to
@@ -242,15 +259,6 @@ std::optional<uint8_t> restrictionModeByte(const std::string& value)
         }
     }
     return std::nullopt;
-}
-
-uint8_t sshStatusFromFlag(const char* text)
-{
-    if (strstr(text, "false") != nullptr || strstr(text, "can't") != nullptr)
-    {
-        return 0;
-    }
-    return text[0] != '\0' ? 1 : 0;
 }
 
 } // namespace oem::access

@@ -7,13 +7,10 @@
 #include <string_view>
 
 /* The pieces of the remote-access commands that decide what a request may
- * put into a file or onto a shell command line. */
+ * put into a file or onto a shell command line, and what the settings
+ * service's restriction mode means. */
 namespace oem::access
 {
-
-/* The request as a zero-terminated text: its bytes up to the first zero
- * byte, or all of them when there is none. Never reads past length. */
-std::string requestText(const void* request, uint32_t length);
 
 /* Longest default user name accepted: the IPMI user name field. */
 constexpr size_t maxUserNameLength = 16;
@@ -29,16 +26,8 @@ bool validUserName(std::string_view name);
  * entries into firewall rules, so nothing else gets into the file. */
 bool validAllowListEntry(std::string_view entry);
 
-/* The settings service's value for a restriction-mode byte (0..5), or
- * nothing for any other byte. */
-std::optional<std::string> restrictionModeValue(uint8_t mode);
-
 /* The restriction-mode byte of a settings-service value, or nothing if the
  * value is not one of the six modes. */
 std::optional<uint8_t> restrictionModeByte(const std::string& value);
-
-/* What the SSH flag file's text means for get SSH status: 1 while SSH is
- * forbidden, else 0. */
-uint8_t sshStatusFromFlag(const char* text);
 
 } // namespace oem::access
