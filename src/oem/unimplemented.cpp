@@ -26,16 +26,7 @@
     X(get_cpld_update)                                                         \
     X(get_high_temp_detect_status)                                             \
     X(set_high_temp_detect_status)                                             \
-    X(set_eth_status)                                                          \
-    X(set_default_user)                                                        \
-    X(set_restriction_mode)                                                    \
-    X(get_restriction_mode)                                                    \
-    X(get_sw_hw_version)                                                       \
-    X(get_ssh_status)                                                          \
-    X(set_ssh_status)                                                          \
-    X(set_allow_list)                                                          \
-    X(del_allow_list)                                                          \
-    X(get_allow_list)
+    X(get_sw_hw_version)
 
 #define OEM_UNIMPLEMENTED(name)                                                \
     ipmi_ret_t ipmi_vel_oem_##name(OEM_HANDLER_PARAMS)                         \

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/* The pieces of the remote-access commands that decide what a request may
+ * put into a file or onto a shell command line, and what the settings
+ * service's restriction mode means. */
+namespace oem::access
+{
+
+/* Longest default user name accepted: the IPMI user name field. */
+constexpr size_t maxUserNameLength = 16;
+
+/* A default user name that may stand unquoted on a command line: 1 to 16
+ * characters, a letter or '_' first, then letters, digits, '_', '.' or
+ * '-'. */
+bool validUserName(std::string_view name);
+
+/* An allow-list entry: an IPv4 address with an optional /0../32 prefix
+ * length, or an IPv6 address with an optional /0../128, written with no
+ * blanks and no leading zeros in the prefix length. The list service turns
+ * entries into firewall rules, so nothing else gets into the file. */
+bool validAllowListEntry(std::string_view entry);
+
+/* The restriction-mode byte of a settings-service value, or nothing if the
+ * value is not one of the six modes. */
+std::optional<uint8_t> restrictionModeByte(const std::string& value);
+
+} // namespace oem::access
