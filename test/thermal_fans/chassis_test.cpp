@@ -5,6 +5,7 @@
 #include "board.hpp"
 #include "plugin.hpp"
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -145,6 +146,27 @@ TEST(WarnLed, SetWritesTheActiveLowRegisterAndGetReadsIt)
         // The CPLD's other registers are left alone.
         EXPECT_EQ(board::i2cRegister(10, 0x23, 0x02), Bytes{0x05}) << c.what;
     }
+    board::setI2cRegister(10, 0x23, 0x3C, {0x01});
+}
+
+TEST(WarnLed, OneCombinedTransferPerCommand)
+{
+    const char* transferLog = "/tmp/warn-led-transfers.log";
+    std::filesystem::remove(transferLog);
+    setenv("I2CSIM_LOG", transferLog, 1);
+    EXPECT_EQ(call(0x3A, 0x25, {1}).data, Bytes{0});
+    EXPECT_EQ(call(0x3A, 0x26).data, Bytes{1});
+    unsetenv("I2CSIM_LOG");
+    // The process id varies; the rest of each line is the transfer.
+    std::string log = readFile(transferLog);
+    for (size_t at = log.find(" pid="); at != std::string::npos;
+         at = log.find(" pid=", at))
+    {
+        log.erase(at, log.find(' ', at + 1) - at);
+    }
+    EXPECT_EQ(log, "rdwr dev=/dev/i2c-10 msgs=1 m0=w:0x23:2:3c00 result=1\n"
+                   "rdwr dev=/dev/i2c-10 msgs=2 m0=w:0x23:1:3c m1=r:0x23:1:00 "
+                   "result=2\n");
     board::setI2cRegister(10, 0x23, 0x3C, {0x01});
 }
 
