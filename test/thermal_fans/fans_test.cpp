@@ -272,6 +272,55 @@ TEST(GetFanInfo, DbusFailures)
     EXPECT_EQ(call(0x3A, 0x31).cc, 0x00);
 }
 
+TEST(FanHelpers, ExportedReadersOfPwmFilesAndFanMode)
+{
+    using ReadPwm = int (*)(int, uint8_t*);
+    using ReadMode = int (*)(uint8_t*);
+    auto readPwm = pluginSymbol<ReadPwm>("fan_get_pwmfile");
+    struct Case
+    {
+        const char* what;
+        int channel;
+        const char* contents;
+        int result;
+        uint8_t value;
+        std::string printed;
+    };
+    const Case cases[] = {
+        {"channel 8", 8, "255\n", 0, 255, ""},
+        {"three characters only", 1, "1000\n", 0, 100, ""},
+        {"no number", 2, "x\n", 0, 0, ""},
+        {"no channel 7", 7, nullptr, -1, 0xEE,
+         "open Sorrelind_FanTable false "},
+    };
+    for (const auto& c : cases)
+    {
+        if (c.contents != nullptr)
+        {
+            writeFile(pwmFile(c.channel), c.contents);
+        }
+        uint8_t value = 0xEE;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(readPwm(c.channel, &value), c.result) << c.what;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.what;
+        EXPECT_EQ(value, c.value) << c.what;
+        if (c.contents != nullptr)
+        {
+            writeFile(pwmFile(c.channel), "102\n");
+        }
+    }
+
+    auto readMode = pluginSymbol<ReadMode>("fan_get_fan_mode");
+    uint8_t mode = 0xEE;
+    writeFile(fanModeFile, "manual\n");
+    EXPECT_EQ(readMode(&mode), 0);
+    EXPECT_EQ(mode, 0);
+    std::filesystem::remove(fanModeFile);
+    EXPECT_EQ(readMode(&mode), -1);
+    EXPECT_EQ(mode, 1);
+    writeFile(fanModeFile, "auto\n");
+}
+
 const std::string line1 = "0x01:0x0A:0x02:0x00:0x1E:0x14\n";
 const std::string line2 = "0x02:0x0C:0x03:0x01:0x46:0x1E\n";
 const std::string line5 = "0x05:0x08:0x02:0x00:0x32:0x14\n";
