@@ -213,7 +213,7 @@ FILE* openParamFile(ipmi_cmd_t cmd)
 
 void reportUnknownSensor(ipmi_request_t request, uint32_t length)
 {
-    // Byte 1, not the sensor ID: the service's tools match on this line.
+    // Deliberately request byte 1, not the sensor ID.
     fprintf(stderr, "cmd(0x%x):please enter correct sensorID!\n",
             requestByte(request, length, 1));
 }
