@@ -9,23 +9,12 @@
 #include "handler.hpp"
 
 #define OEM_UNIMPLEMENTED_HANDLERS(X)                                          \
-    X(set_bmc_led)                                                             \
-    X(get_bmc_led)                                                             \
-    X(set_warn_led)                                                            \
-    X(get_warn_led)                                                            \
     X(cpld_get_version)                                                        \
-    X(set_fan_config)                                                          \
-    X(get_fan_info)                                                            \
     X(get_riser_info)                                                          \
     X(get_explorer)                                                            \
-    X(get_chassis_intrusion)                                                   \
-    X(get_fan_pid_info)                                                        \
-    X(set_fan_pid_info)                                                        \
     X(get_p2a_switch)                                                          \
     X(set_p2a_switch)                                                          \
     X(get_cpld_update)                                                         \
-    X(get_high_temp_detect_status)                                             \
-    X(set_high_temp_detect_status)                                             \
     X(get_sw_hw_version)
 
 #define OEM_UNIMPLEMENTED(name)                                                \
