@@ -13,11 +13,8 @@
     X(get_bmc_led)                                                             \
     X(set_warn_led)                                                            \
     X(get_warn_led)                                                            \
-    X(cpld_get_version)                                                        \
     X(set_fan_config)                                                          \
     X(get_fan_info)                                                            \
-    X(get_riser_info)                                                          \
-    X(get_explorer)                                                            \
     X(get_exCard_info)                                                         \
     X(set_middCard_info)                                                       \
     X(get_middCard_info)                                                       \
@@ -25,9 +22,6 @@
     X(get_chassis_intrusion)                                                   \
     X(get_fan_pid_info)                                                        \
     X(set_fan_pid_info)                                                        \
-    X(get_p2a_switch)                                                          \
-    X(set_p2a_switch)                                                          \
-    X(get_cpld_update)                                                         \
     X(get_high_temp_detect_status)                                             \
     X(set_high_temp_detect_status)                                             \
     X(set_eth_status)                                                          \
@@ -35,7 +29,6 @@
     X(set_reset_factory)                                                       \
     X(set_restriction_mode)                                                    \
     X(get_restriction_mode)                                                    \
-    X(get_sw_hw_version)                                                       \
     X(get_ncsi_test)                                                           \
     X(get_eeprom_test)                                                         \
     X(get_mii_test)                                                            \
