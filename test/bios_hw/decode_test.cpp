@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The pure pieces behind the hardware commands: version words, backplane
-// names, riser and export headers, devmem output and register bits.
+// The pure pieces behind the hardware commands: version words, export
+// headers, devmem output and register bits.
 
 #include "access/p2a.hpp"
 #include "bios/cpld.hpp"
@@ -46,37 +46,6 @@ TEST(BackplaneVersion, TakesTheLowNibbleOfMajorAndMinor)
     for (const auto& c : cases)
     {
         EXPECT_EQ(oem::bios::backplaneVersionByte(c.word), c.byte) << c.word;
-    }
-}
-
-TEST(BackplaneVersion, NamesFourFrontAndTwoRearBackplanes)
-{
-    using oem::bios::backplaneCpldName;
-    EXPECT_EQ(backplaneCpldName(0, 0), "Front_HDD_Backplane0_CPLD");
-    EXPECT_EQ(backplaneCpldName(0, 3), "Front_HDD_Backplane3_CPLD");
-    EXPECT_EQ(backplaneCpldName(1, 0), "Rear_HDD_Backplane0_CPLD");
-    EXPECT_EQ(backplaneCpldName(1, 1), "Rear_HDD_Backplane1_CPLD");
-    EXPECT_EQ(backplaneCpldName(0, 4), std::nullopt);
-    EXPECT_EQ(backplaneCpldName(1, 2), std::nullopt);
-    EXPECT_EQ(backplaneCpldName(2, 0), std::nullopt);
-    EXPECT_EQ(backplaneCpldName(255, 255), std::nullopt);
-}
-
-TEST(Riser, PresentWhenAnyActiveLowLineIsDown)
-{
-    struct Case
-    {
-        uint8_t reg;
-        uint8_t presence;
-    };
-    const Case cases[] = {
-        {0xFF, 0}, {0x7F, 0}, {0x7E, 1}, {0x0F, 2}, {0x00, 3},
-        {0x70, 1}, {0x3F, 2}, {0xF7, 1}, {0x8F, 2},
-    };
-    for (const auto& c : cases)
-    {
-        EXPECT_EQ(oem::bios::riserPresence(c.reg), c.presence)
-            << std::hex << int{c.reg};
     }
 }
 
