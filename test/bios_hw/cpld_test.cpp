@@ -5,7 +5,9 @@
 #include "board.hpp"
 #include "plugin.hpp"
 
+#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 namespace
 {
@@ -105,6 +107,55 @@ TEST(CpldVersion, BackplaneVersionFileContents)
         EXPECT_EQ(answer.data, Bytes{c.version}) << c.content;
     }
     std::filesystem::remove(path);
+}
+
+TEST(CpldVersion, CpldRegistersAreReadInOneCombinedTransfer)
+{
+    // Register selection and read in one I2C_RDWR, so that nothing else on
+    // the bus can move the register pointer in between.
+    struct Case
+    {
+        uint8_t cmd;
+        Bytes request;
+        std::vector<std::string> transfers;
+    };
+    const Case cases[] = {
+        {0x22,
+         {},
+         {"rdwr dev=/dev/i2c-10 msgs=2 m0=w:0x23:1:02 m1=r:0x23:1:05 "
+          "result=2"}},
+        {0x32,
+         {},
+         {"rdwr dev=/dev/i2c-10 msgs=2 m0=w:0x23:1:39 m1=r:0x23:1:70 "
+          "result=2"}},
+        {0x77,
+         {0x01},
+         {"rdwr dev=/dev/i2c-10 msgs=2 m0=w:0x23:1:02 "
+          "m1=r:0x23:1:05 result=2"}},
+        {0x22, {0x00, 0x00}, {}},
+    };
+    const char* transferLog = "/tmp/cpld-transfers.log";
+    for (const auto& c : cases)
+    {
+        std::filesystem::remove(transferLog);
+        setenv("I2CSIM_LOG", transferLog, 1);
+        call(0x3A, c.cmd, c.request);
+        unsetenv("I2CSIM_LOG");
+        // One line per transfer, without the process ID.
+        std::vector<std::string> transfers;
+        std::istringstream text(readFile(transferLog));
+        for (std::string line; std::getline(text, line) && line != "<missing>";)
+        {
+            size_t pid = line.find(" pid=");
+            if (pid != std::string::npos)
+            {
+                line.erase(pid, line.find(' ', pid + 1) - pid);
+            }
+            transfers.push_back(line);
+        }
+        EXPECT_EQ(transfers, c.transfers) << std::hex << int{c.cmd};
+    }
+    std::filesystem::remove(transferLog);
 }
 
 } // namespace
