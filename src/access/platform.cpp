@@ -22,6 +22,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 
 using oem::wire::requestByte;
 
@@ -147,6 +148,89 @@ struct FdCloser
         close(fd);
     }
 };
+
+// The two JBOD commands differ only in the direction of the transfer, the
+// handler named in their messages and how long a failure answer is.
+struct JbodAccess
+{
+    const char* handler;
+    uint32_t failureLength;
+    bool write;
+};
+
+// One register of a device on a JBOD channel (request bytes: channel,
+// address, register): writes value there, or reads it into value. On
+// failure answers for the handler and returns its completion code.
+std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
+                                       const uint8_t* in, uint8_t& value,
+                                       ipmi_response_t response,
+                                       ipmi_data_len_t dataLen)
+{
+    uint8_t channel = in[0];
+    uint8_t address = in[1];
+    uint8_t reg = in[2];
+    if (channel >= jbodChannels)
+    {
+        fprintf(stderr, "%s error Channel %d.\n", access.handler, channel);
+        *dataLen = 0;
+        return IPMI_CC_UNSPECIFIED_ERROR;
+    }
+    const char* bus = jbodBuses[channel];
+    int fd = open(bus, O_RDWR);
+    if (fd < 0)
+    {
+        fprintf(stderr, "%s Open i2c bus /dev/%s failed.\n", access.handler,
+                bus);
+        return fail(response, dataLen, access.failureLength,
+                    IPMI_CC_UNSPECIFIED_ERROR);
+    }
+    FdCloser closer{fd};
+    uint32_t count = access.write ? 1 : 2;
+    std::unique_ptr<i2c_msg[]> messages(new (std::nothrow) i2c_msg[count]);
+    if (!messages)
+    {
+        fprintf(stderr, "%s memery alloc error.\n", access.handler);
+        return fail(response, dataLen, access.failureLength,
+                    IPMI_CC_UNSPECIFIED_ERROR);
+    }
+    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[2]);
+    if (!buffer)
+    {
+        fprintf(stderr, "%s buf memery alloc error.\n", access.handler);
+        return fail(response, dataLen, access.failureLength,
+                    IPMI_CC_UNSPECIFIED_ERROR);
+    }
+    buffer[0] = reg;
+    if (access.write)
+    {
+        buffer[1] = value;
+        messages[0] = {address, 0, 2, buffer.get()};
+    }
+    else
+    {
+        buffer[1] = 0;
+        messages[0] = {address, 0, 1, &buffer[0]};
+        messages[1] = {address, I2C_M_RD, 1, &buffer[1]};
+    }
+    i2c_rdwr_ioctl_data transfer = {messages.get(), count};
+    if (ioctl(fd, I2C_RDWR, &transfer) < 0)
+    {
+        if (access.write)
+        {
+            fprintf(stderr, "%s write reg %x %x error\r\n", access.handler,
+                    address, reg);
+        }
+        else
+        {
+            fprintf(stderr,
+                    "%s read reg i2c_bus=[%s] addr=[%x] reg=[%x] error\r\n",
+                    access.handler, bus, address, reg);
+        }
+        return fail(response, dataLen, access.failureLength, 0x01);
+    }
+    value = buffer[1];
+    return std::nullopt;
+}
 
 } // namespace
 
@@ -333,51 +417,11 @@ ipmi_ret_t ipmi_vel_oem_set_jbod_i2c_data(ipmi_netfn_t, ipmi_cmd_t,
         return badLength(data_len);
     }
     const auto* in = static_cast<const uint8_t*>(request);
-    uint8_t channel = in[0];
-    uint8_t address = in[1];
-    uint8_t reg = in[2];
+    const JbodAccess access = {"ipmi_vel_oem_set_jbod_i2c_data", 1, true};
     uint8_t value = in[3];
-    if (channel >= jbodChannels)
+    if (auto failed = jbodTransfer(access, in, value, response, data_len))
     {
-        fprintf(stderr, "ipmi_vel_oem_set_jbod_i2c_data error Channel %d.\n",
-                channel);
-        *data_len = 0;
-        return IPMI_CC_UNSPECIFIED_ERROR;
-    }
-    const char* bus = jbodBuses[channel];
-    int fd = open(bus, O_RDWR);
-    if (fd < 0)
-    {
-        fprintf(stderr,
-                "ipmi_vel_oem_set_jbod_i2c_data Open i2c bus /dev/%s "
-                "failed.\n",
-                bus);
-        return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
-    }
-    FdCloser closer{fd};
-    std::unique_ptr<i2c_msg[]> messages(new (std::nothrow) i2c_msg[1]);
-    if (!messages)
-    {
-        fprintf(stderr, "ipmi_vel_oem_set_jbod_i2c_data memery alloc error.\n");
-        return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
-    }
-    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[2]);
-    if (!buffer)
-    {
-        fprintf(stderr,
-                "ipmi_vel_oem_set_jbod_i2c_data buf memery alloc error.\n");
-        return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
-    }
-    buffer[0] = reg;
-    buffer[1] = value;
-    messages[0] = {address, 0, 2, buffer.get()};
-    i2c_rdwr_ioctl_data transfer = {messages.get(), 1};
-    if (ioctl(fd, I2C_RDWR, &transfer) < 0)
-    {
-        fprintf(stderr,
-                "ipmi_vel_oem_set_jbod_i2c_data write reg %x %x error\r\n",
-                address, reg);
-        return fail(response, data_len, 1, 0x01);
+        return *failed;
     }
     return oem::wire::reply(response, data_len, {0x00});
 }
@@ -393,55 +437,12 @@ ipmi_ret_t ipmi_vel_oem_get_jbod_i2c_data(ipmi_netfn_t, ipmi_cmd_t,
         return badLength(data_len);
     }
     const auto* in = static_cast<const uint8_t*>(request);
-    uint8_t channel = in[0];
-    uint8_t address = in[1];
-    uint8_t reg = in[2];
-    if (channel >= jbodChannels)
+    const JbodAccess access = {"ipmi_vel_oem_get_jbod_i2c_data",
+                               jbodGetErrorLength, false};
+    uint8_t value = 0;
+    if (auto failed = jbodTransfer(access, in, value, response, data_len))
     {
-        fprintf(stderr, "ipmi_vel_oem_get_jbod_i2c_data error Channel %d.\n",
-                channel);
-        *data_len = 0;
-        return IPMI_CC_UNSPECIFIED_ERROR;
+        return *failed;
     }
-    const char* bus = jbodBuses[channel];
-    int fd = open(bus, O_RDWR);
-    if (fd < 0)
-    {
-        fprintf(stderr,
-                "ipmi_vel_oem_get_jbod_i2c_data Open i2c bus /dev/%s "
-                "failed.\n",
-                bus);
-        return fail(response, data_len, jbodGetErrorLength,
-                    IPMI_CC_UNSPECIFIED_ERROR);
-    }
-    FdCloser closer{fd};
-    std::unique_ptr<i2c_msg[]> messages(new (std::nothrow) i2c_msg[2]);
-    if (!messages)
-    {
-        fprintf(stderr, "ipmi_vel_oem_get_jbod_i2c_data memery alloc error.\n");
-        return fail(response, data_len, jbodGetErrorLength,
-                    IPMI_CC_UNSPECIFIED_ERROR);
-    }
-    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[2]);
-    if (!buffer)
-    {
-        fprintf(stderr,
-                "ipmi_vel_oem_get_jbod_i2c_data buf memery alloc error.\n");
-        return fail(response, data_len, jbodGetErrorLength,
-                    IPMI_CC_UNSPECIFIED_ERROR);
-    }
-    buffer[0] = reg;
-    buffer[1] = 0;
-    messages[0] = {address, 0, 1, &buffer[0]};
-    messages[1] = {address, I2C_M_RD, 1, &buffer[1]};
-    i2c_rdwr_ioctl_data transfer = {messages.get(), 2};
-    if (ioctl(fd, I2C_RDWR, &transfer) < 0)
-    {
-        fprintf(stderr,
-                "ipmi_vel_oem_get_jbod_i2c_data read reg i2c_bus=[%s] "
-                "addr=[%x] reg=[%x] error\r\n",
-                bus, address, reg);
-        return fail(response, data_len, jbodGetErrorLength, 0x01);
-    }
-    return oem::wire::reply(response, data_len, {buffer[1]});
+    return oem::wire::reply(response, data_len, {value});
 }
