@@ -11,6 +11,8 @@
 // OEM_FUZZ_ROOT names a sandbox root (made by sim/mksandbox) that this
 // process enters after loading the plug-in; whatever the plug-in writes,
 // spawns, reboots or powers off happens in that sandbox and its namespaces.
+// An input that makes a shell create /tmp/oem-injected (fuzz/shell.dict
+// holds the syntax for it) is a finding.
 
 #include "host.hpp"
 
@@ -27,6 +29,9 @@ namespace
 {
 
 std::vector<oemhost::Registration> commands;
+
+// What fuzz/shell.dict's entries create when a shell runs them.
+constexpr const char* injectionMarker = "/tmp/oem-injected";
 
 [[noreturn]] void fail(const std::string& message)
 {
@@ -121,5 +126,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // them. No handler is running now, so none of these is still awaited.
     while (waitpid(-1, nullptr, WNOHANG) > 0)
     {}
+
+    // Request bytes must never reach a shell as syntax.
+    if (access(injectionMarker, F_OK) == 0)
+    {
+        fprintf(stderr,
+                "dispatch-fuzzer: netfn 0x%02x cmd 0x%02x: request bytes ran "
+                "a shell command (%s exists)\n",
+                target.netfn, target.cmd, injectionMarker);
+        abort();
+    }
     return 0;
 }
