@@ -45,9 +45,9 @@ constexpr const char* jbodBuses[] = {
 };
 constexpr uint8_t jbodChannels = 6;
 
-// What the get handler leaves as data length when the transfer fails; the
-// host tools read a fixed block on error.
-constexpr uint32_t jbodGetErrorLength = 0x11;
+// The byte a failed JBOD read answers, so that the host cannot take it for
+// a register value of 0.
+constexpr uint8_t jbodGetError = 0x11;
 
 void runShell(const char* command)
 {
@@ -68,13 +68,13 @@ bool exists(const char* path)
     return stat(path, &st) == 0;
 }
 
-// Zero-filled failure answer, so that nothing stale leaves in the data the
-// host is told about.
+// A failure answers one byte that says which kind of command failed, with
+// the completion code.
 ipmi_ret_t fail(ipmi_response_t response, ipmi_data_len_t dataLen,
-                uint32_t length, ipmi_ret_t code)
+                uint8_t status, ipmi_ret_t code)
 {
-    memset(response, 0, length);
-    *dataLen = length;
+    static_cast<uint8_t*>(response)[0] = status;
+    *dataLen = 1;
     return code;
 }
 
@@ -150,11 +150,11 @@ struct FdCloser
 };
 
 // The two JBOD commands differ only in the direction of the transfer, the
-// handler named in their messages and how long a failure answer is.
+// handler named in their messages and the byte a failure answers.
 struct JbodAccess
 {
     const char* handler;
-    uint32_t failureLength;
+    uint8_t failure;
     bool write;
 };
 
@@ -181,7 +181,7 @@ std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
     {
         fprintf(stderr, "%s Open i2c bus /dev/%s failed.\n", access.handler,
                 bus);
-        return fail(response, dataLen, access.failureLength,
+        return fail(response, dataLen, access.failure,
                     IPMI_CC_UNSPECIFIED_ERROR);
     }
     FdCloser closer{fd};
@@ -190,14 +190,14 @@ std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
     if (!messages)
     {
         fprintf(stderr, "%s memery alloc error.\n", access.handler);
-        return fail(response, dataLen, access.failureLength,
+        return fail(response, dataLen, access.failure,
                     IPMI_CC_UNSPECIFIED_ERROR);
     }
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[2]);
     if (!buffer)
     {
         fprintf(stderr, "%s buf memery alloc error.\n", access.handler);
-        return fail(response, dataLen, access.failureLength,
+        return fail(response, dataLen, access.failure,
                     IPMI_CC_UNSPECIFIED_ERROR);
     }
     buffer[0] = reg;
@@ -226,7 +226,7 @@ std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
                     "%s read reg i2c_bus=[%s] addr=[%x] reg=[%x] error\r\n",
                     access.handler, bus, address, reg);
         }
-        return fail(response, dataLen, access.failureLength, 0x01);
+        return fail(response, dataLen, access.failure, 0x01);
     }
     value = buffer[1];
     return std::nullopt;
@@ -329,10 +329,7 @@ ipmi_ret_t ipmi_vel_oem_get_board_id(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
     if (readGpioExporting(boardIdStrap0, &strap0) != 0 ||
         readGpioExporting(boardIdStrap1, &strap1) != 0)
     {
-        // Two bytes of room, one announced: the board ID tools read it so.
-        memset(response, 0, 2);
-        *data_len = 1;
-        return IPMI_CC_UNSPECIFIED_ERROR;
+        return fail(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
     }
     return oem::wire::reply(response, data_len, {strap0, strap1});
 }
@@ -437,8 +434,8 @@ ipmi_ret_t ipmi_vel_oem_get_jbod_i2c_data(ipmi_netfn_t, ipmi_cmd_t,
         return badLength(data_len);
     }
     const auto* in = static_cast<const uint8_t*>(request);
-    const JbodAccess access = {"ipmi_vel_oem_get_jbod_i2c_data",
-                               jbodGetErrorLength, false};
+    const JbodAccess access = {"ipmi_vel_oem_get_jbod_i2c_data", jbodGetError,
+                               false};
     uint8_t value = 0;
     if (auto failed = jbodTransfer(access, in, value, response, data_len))
     {

@@ -37,8 +37,8 @@ TEST(Gpio, GetReadsTheBankPinAndExportsOnlyWhatIsMissing)
         {"bank 0 pin 5 is 297", {0, 5}, 0x00, {0}, "<missing>"},
         {"bank 1 pin 0", {1, 0}, 0x00, {1}, "<missing>"},
         {"bank 0 pin 11", {0, 11}, 0x00, {0}, "<missing>"},
-        {"bank 2", {2, 5}, 0xFF, {0, 0}, "<missing>"},
-        {"unexported line", {1, 40}, 0xFF, {0, 0}, "320\n"},
+        {"bank 2", {2, 5}, 0xFF, {2}, "<missing>"},
+        {"unexported line", {1, 40}, 0xFF, {2}, "320\n"},
         {"short request", {1}, 0xC7, {}, "<missing>"},
         {"extra bytes ignored", {0, 1, 9, 9}, 0x00, {1}, "<missing>"},
     };
@@ -93,7 +93,7 @@ TEST(Gpio, SetDrivesOnlyWhenAsked)
          283,
          "in\n",
          "1\n"},
-        {"bank 3", {3, 3, 1, 0}, 0xFF, {0}, 283, "in\n", "1\n"},
+        {"bank 3", {3, 3, 1, 0}, 0xFF, {1}, 283, "in\n", "1\n"},
         {"drive without a value", {1, 3, 1}, 0xC7, {}, 283, "in\n", "1\n"},
         {"nothing", {}, 0xC7, {}, 283, "in\n", "1\n"},
     };
@@ -119,7 +119,7 @@ TEST(Gpio, SetOnAMissingLineExportsItAndFailsToDrive)
 
     answer = call(0x3A, 0x66, {1, 50, 1, 1});
     EXPECT_EQ(answer.cc, 0xFF);
-    EXPECT_EQ(answer.data, Bytes{0});
+    EXPECT_EQ(answer.data, Bytes{1});
     EXPECT_FALSE(std::filesystem::exists(gpioFile(330, "value")));
 }
 
@@ -135,7 +135,7 @@ TEST(BoardId, AnswersBothStraps)
     std::filesystem::rename("/sys/class/gpio/gpio290", "/tmp/gpio290");
     answer = call(0x3A, 0x62);
     EXPECT_EQ(answer.cc, 0xFF);
-    EXPECT_EQ(answer.data, Bytes{0});
+    EXPECT_EQ(answer.data, Bytes{2});
     std::filesystem::rename("/tmp/gpio290", "/sys/class/gpio/gpio290");
     writeFile(gpioFile(290, "value"), "0\n");
 }
@@ -170,7 +170,7 @@ TEST(CpuStatus, AnswersTheFiveLinesInOrder)
     std::filesystem::rename("/sys/class/gpio/gpio415", "/tmp/gpio415");
     auto answer = call(0x3A, 0x67, {0});
     EXPECT_EQ(answer.cc, 0xFF);
-    EXPECT_EQ(answer.data, Bytes(5, 0));
+    EXPECT_EQ(answer.data, Bytes{5});
     EXPECT_EQ(readFile(exportFile), "415\n");
     std::filesystem::rename("/tmp/gpio415", "/sys/class/gpio/gpio415");
 }
@@ -187,7 +187,7 @@ TEST(Sol, SetAndGetTheRoutingLine)
     };
     const Case cases[] = {
         {"to the BMC", {1}, 0x00, {0}, "1\n"},
-        {"above 1", {2}, 0xFF, {0}, "1\n"},
+        {"above 1", {2}, 0xFF, {1}, "1\n"},
         {"back to the host", {0}, 0x00, {0}, "0\n"},
         {"nothing", {}, 0xC7, {}, "0\n"},
     };
@@ -209,10 +209,10 @@ TEST(Sol, SetAndGetTheRoutingLine)
     std::filesystem::rename("/sys/class/gpio/gpio381", "/tmp/gpio381");
     auto answer = call(0x3A, 0x54);
     EXPECT_EQ(answer.cc, 0xFF);
-    EXPECT_EQ(answer.data, (Bytes{0, 0}));
+    EXPECT_EQ(answer.data, Bytes{2});
     answer = call(0x3A, 0x55, {1});
     EXPECT_EQ(answer.cc, 0xFF);
-    EXPECT_EQ(answer.data, Bytes{0});
+    EXPECT_EQ(answer.data, Bytes{1});
     std::filesystem::rename("/tmp/gpio381", "/sys/class/gpio/gpio381");
 }
 
@@ -239,7 +239,7 @@ TEST(Jbod, FailuresAnswerTheirCodes)
         uint8_t cmd;
         Bytes request;
         uint8_t cc;
-        size_t length;
+        Bytes data;
         std::string message;
     };
     board::setI2cAnswers(33, 0x40, false);
@@ -249,43 +249,43 @@ TEST(Jbod, FailuresAnswerTheirCodes)
          0x60,
          {6, 0x40, 0},
          0xFF,
-         0,
+         {},
          "ipmi_vel_oem_get_jbod_i2c_data error Channel 6.\n"},
         {"set channel 6",
          0x61,
          {6, 0x40, 0, 1},
          0xFF,
-         0,
+         {},
          "ipmi_vel_oem_set_jbod_i2c_data error Channel 6.\n"},
         {"get, no answer",
          0x60,
          {3, 0x40, 0x01},
          0x01,
-         0x11,
+         {0x11},
          "ipmi_vel_oem_get_jbod_i2c_data read reg i2c_bus=[/dev/i2c-33] "
          "addr=[40] reg=[1] error\r\n"},
         {"set, no answer",
          0x61,
          {3, 0x40, 0x11, 1},
          0x01,
-         1,
+         {0x01},
          "ipmi_vel_oem_set_jbod_i2c_data write reg 40 11 error\r\n"},
         {"get, no bus",
          0x60,
          {4, 0x40, 0},
          0xFF,
-         0x11,
+         {0x11},
          "ipmi_vel_oem_get_jbod_i2c_data Open i2c bus /dev//dev/i2c-34 "
          "failed.\n"},
         {"set, no bus",
          0x61,
          {4, 0x40, 0, 1},
          0xFF,
-         1,
+         {0x01},
          "ipmi_vel_oem_set_jbod_i2c_data Open i2c bus /dev//dev/i2c-34 "
          "failed.\n"},
-        {"get, short", 0x60, {0, 0x40}, 0xC7, 0, ""},
-        {"set without a value", 0x61, {0, 0x40, 0x11}, 0xC7, 0, ""},
+        {"get, short", 0x60, {0, 0x40}, 0xC7, {}, ""},
+        {"set without a value", 0x61, {0, 0x40, 0x11}, 0xC7, {}, ""},
     };
     for (const auto& c : cases)
     {
@@ -293,7 +293,7 @@ TEST(Jbod, FailuresAnswerTheirCodes)
         auto answer = call(0x3A, c.cmd, c.request);
         std::string errors = testing::internal::GetCapturedStderr();
         EXPECT_EQ(answer.cc, c.cc) << c.what;
-        EXPECT_EQ(answer.data, Bytes(c.length, 0)) << c.what;
+        EXPECT_EQ(answer.data, c.data) << c.what;
         EXPECT_EQ(errors, c.message) << c.what;
     }
     std::filesystem::rename("/tmp/i2c-34", "/dev/i2c-34");
