@@ -98,17 +98,24 @@ ipmi_ret_t keepLength(ipmi_response_t response, ipmi_data_len_t dataLen,
 }
 
 // Appends entry and a newline in one write; a failed or short write is
-// undone, so the list never holds half an entry. False if the file cannot
-// be opened or written.
+// undone, so the list never holds half an entry. A last line left without
+// its newline (a list edited by hand) is ended first, or the two entries
+// would run together and neither would reach the firewall. False if the
+// file cannot be opened or written.
 bool appendLine(const char* path, const std::string& entry)
 {
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    int fd = open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0)
     {
         return false;
     }
     std::string line = entry + "\n";
     off_t before = lseek(fd, 0, SEEK_END);
+    char last = '\n';
+    if (before > 0 && pread(fd, &last, 1, before - 1) == 1 && last != '\n')
+    {
+        line.insert(line.begin(), '\n');
+    }
     ssize_t written = write(fd, line.data(), line.size());
     bool ok = written == static_cast<ssize_t>(line.size());
     if (!ok && before >= 0)
