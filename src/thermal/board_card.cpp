@@ -307,7 +307,8 @@ int getSensorValueInfo(const ipmid_sensor_info* sensor, uint8_t* out,
             std::string("no service serves ") + text(sensor->interface) +
                 " at " + path);
     }
-    const auto& [service, interfaces] = *services.begin();
+    const std::string& service = services.begin()->first;
+    const auto& interfaces = services.begin()->second;
     auto implements = [&interfaces](const char* interface) {
         return std::find(interfaces.begin(), interfaces.end(), interface) !=
                interfaces.end();
