@@ -146,10 +146,10 @@ class Requests
     std::mt19937 engine{20261121};
 };
 
-size_t requestedCount()
+size_t numberFromEnvironment(const char* name, size_t fallback)
 {
-    const char* text = getenv("OEM_SOAK_REQUESTS");
-    return text != nullptr ? std::strtoul(text, nullptr, 10) : 2000;
+    const char* text = getenv(name);
+    return text != nullptr ? std::strtoul(text, nullptr, 10) : fallback;
 }
 
 } // namespace
@@ -187,7 +187,7 @@ TEST(Soak, RequestsLeaveNothingBehind)
     Usage before = settle(usage());
     codes.clear();
 
-    const size_t count = requestedCount();
+    const size_t count = numberFromEnvironment("OEM_SOAK_REQUESTS", 2000);
     auto start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < count; ++i)
     {
@@ -213,8 +213,11 @@ TEST(Soak, RequestsLeaveNothingBehind)
     printf("\n");
 
     // Descriptors, threads and processes are counted exactly; resident
-    // memory may move by what the allocator keeps in its free lists.
-    constexpr size_t rssMarginKiB = 8 * 1024;
+    // memory may move by what the allocator keeps in its free lists. A run
+    // under a tool that keeps its own books in the process (memcheck) sets
+    // a wider margin and judges leaks by the tool's report instead.
+    const size_t rssMarginKiB =
+        numberFromEnvironment("OEM_SOAK_RSS_MARGIN_KIB", 8 * 1024);
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_LE(after.threads, before.threads);
     EXPECT_LE(after.processes, before.processes);
