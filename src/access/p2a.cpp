@@ -7,7 +7,7 @@
 
 #include "access/p2a.hpp"
 
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 #include "oem/utils.hpp"
 
 #include <cstdio>

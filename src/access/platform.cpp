@@ -6,8 +6,8 @@
 
 #include "access/platform.hpp"
 
-#include "inventory/wire.hpp"
 #include "oem/handler.hpp"
+#include "oem/wire.hpp"
 
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
@@ -24,6 +24,8 @@
 #include <new>
 #include <optional>
 
+using oem::wire::badLength;
+using oem::wire::byteAnswer;
 using oem::wire::requestByte;
 
 namespace
@@ -66,22 +68,6 @@ bool exists(const char* path)
 {
     struct stat st;
     return stat(path, &st) == 0;
-}
-
-// A failure answers one byte that says which kind of command failed, with
-// the completion code.
-ipmi_ret_t fail(ipmi_response_t response, ipmi_data_len_t dataLen,
-                uint8_t status, ipmi_ret_t code)
-{
-    static_cast<uint8_t*>(response)[0] = status;
-    *dataLen = 1;
-    return code;
-}
-
-ipmi_ret_t badLength(ipmi_data_len_t dataLen)
-{
-    *dataLen = 0;
-    return IPMI_CC_REQ_DATA_LEN_INVALID;
 }
 
 // The sysfs number of a generic bank pin, or -1 for an unknown bank.
@@ -181,8 +167,8 @@ std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
     {
         fprintf(stderr, "%s Open i2c bus /dev/%s failed.\n", access.handler,
                 bus);
-        return fail(response, dataLen, access.failure,
-                    IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, dataLen, access.failure,
+                          IPMI_CC_UNSPECIFIED_ERROR);
     }
     FdCloser closer{fd};
     uint32_t count = access.write ? 1 : 2;
@@ -190,15 +176,15 @@ std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
     if (!messages)
     {
         fprintf(stderr, "%s memery alloc error.\n", access.handler);
-        return fail(response, dataLen, access.failure,
-                    IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, dataLen, access.failure,
+                          IPMI_CC_UNSPECIFIED_ERROR);
     }
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[2]);
     if (!buffer)
     {
         fprintf(stderr, "%s buf memery alloc error.\n", access.handler);
-        return fail(response, dataLen, access.failure,
-                    IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, dataLen, access.failure,
+                          IPMI_CC_UNSPECIFIED_ERROR);
     }
     buffer[0] = reg;
     if (access.write)
@@ -226,7 +212,7 @@ std::optional<ipmi_ret_t> jbodTransfer(const JbodAccess& access,
                     "%s read reg i2c_bus=[%s] addr=[%x] reg=[%x] error\r\n",
                     access.handler, bus, address, reg);
         }
-        return fail(response, dataLen, access.failure, 0x01);
+        return byteAnswer(response, dataLen, access.failure, 0x01);
     }
     value = buffer[1];
     return std::nullopt;
@@ -276,13 +262,13 @@ ipmi_ret_t ipmi_vel_oem_get_gpio_value(ipmi_netfn_t, ipmi_cmd_t,
                         requestByte(request, *data_len, 1));
     if (gpio < 0)
     {
-        return fail(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
     }
     exportIfNoFolder(gpio);
     uint8_t value = 0;
     if (readGpio(gpio, &value) != 0)
     {
-        return fail(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
     }
     return oem::wire::reply(response, data_len, {value});
 }
@@ -303,7 +289,7 @@ ipmi_ret_t ipmi_vel_oem_set_gpio_value(ipmi_netfn_t, ipmi_cmd_t,
                         requestByte(request, length, 1));
     if (gpio < 0)
     {
-        return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
     }
     exportIfNoFolder(gpio);
     if (drive == 1)
@@ -314,7 +300,7 @@ ipmi_ret_t ipmi_vel_oem_set_gpio_value(ipmi_netfn_t, ipmi_cmd_t,
         runShell(command);
         if (!driveGpio(gpio, requestByte(request, length, 3)))
         {
-            return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
+            return byteAnswer(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
         }
     }
     return oem::wire::reply(response, data_len, {0x00});
@@ -329,7 +315,7 @@ ipmi_ret_t ipmi_vel_oem_get_board_id(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
     if (readGpioExporting(boardIdStrap0, &strap0) != 0 ||
         readGpioExporting(boardIdStrap1, &strap1) != 0)
     {
-        return fail(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
     }
     return oem::wire::reply(response, data_len, {strap0, strap1});
 }
@@ -356,7 +342,7 @@ ipmi_ret_t ipmi_vel_oem_get_cpu_status(ipmi_netfn_t, ipmi_cmd_t,
     {
         if (readGpioExporting(cpuLines[cpu][i], &values[i]) != 0)
         {
-            return fail(response, data_len, 5, IPMI_CC_UNSPECIFIED_ERROR);
+            return byteAnswer(response, data_len, 5, IPMI_CC_UNSPECIFIED_ERROR);
         }
     }
     memcpy(response, values.data(), values.size());
@@ -377,12 +363,12 @@ ipmi_ret_t ipmi_vel_oem_set_bmc_sol_status(ipmi_netfn_t, ipmi_cmd_t,
     uint8_t state = requestByte(request, *data_len, 0);
     if (state > 1)
     {
-        return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
     }
     exportGpio(solGpio);
     if (!driveGpio(solGpio, state))
     {
-        return fail(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 1, IPMI_CC_UNSPECIFIED_ERROR);
     }
     return oem::wire::reply(response, data_len, {0x00});
 }
@@ -397,7 +383,7 @@ ipmi_ret_t ipmi_vel_oem_get_bmc_sol_status(ipmi_netfn_t, ipmi_cmd_t,
     uint8_t value = 0;
     if (readGpio(solGpio, &value) != 0)
     {
-        return fail(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, 2, IPMI_CC_UNSPECIFIED_ERROR);
     }
     return oem::wire::reply(response, data_len, {value});
 }

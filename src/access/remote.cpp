@@ -13,7 +13,7 @@
 
 #include "access/remote.hpp"
 
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 #include "oem/dbus.hpp"
 #include "oem/handler.hpp"
 #include "oem/utils.hpp"

@@ -6,7 +6,7 @@
 
 #include "bios/options.hpp"
 
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 
 #include <unistd.h>
 

@@ -7,7 +7,7 @@
 
 #include "globals.hpp"
 #include "inventory/tables.hpp"
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 #include "utils.hpp"
 
 #include <cstdio>

@@ -8,7 +8,7 @@
 #include "bios/version.hpp"
 
 #include "inventory/eeprom.hpp"
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 
 #include <unistd.h>
 

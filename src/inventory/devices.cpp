@@ -8,7 +8,7 @@
 
 #include "globals.hpp"
 #include "inventory/eeprom.hpp"
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 
 #include <sys/stat.h>
 

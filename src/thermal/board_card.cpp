@@ -6,7 +6,7 @@
 
 #include "thermal/board_card.hpp"
 
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 #include "oem/dbus.hpp"
 #include "oem/utils.hpp"
 

@@ -7,7 +7,7 @@
 
 #include "thermal/cards.hpp"
 
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 #include "thermal/tables.hpp"
 
 #include <sys/stat.h>

@@ -5,8 +5,8 @@
 
 #include "thermal/chassis.hpp"
 
-#include "inventory/wire.hpp"
 #include "oem/handler.hpp"
+#include "oem/wire.hpp"
 
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
@@ -20,6 +20,8 @@
 #include <new>
 
 using namespace oem::thermal;
+using oem::wire::badLength;
+using oem::wire::byteAnswer;
 using oem::wire::requestByte;
 
 namespace
@@ -31,20 +33,6 @@ constexpr uint8_t unknownState = 0x11;
 void runShell(const char* command)
 {
     [[maybe_unused]] int status = system(command);
-}
-
-ipmi_ret_t answer(ipmi_response_t response, ipmi_data_len_t dataLen,
-                  uint8_t value, ipmi_ret_t code)
-{
-    static_cast<uint8_t*>(response)[0] = value;
-    *dataLen = 1;
-    return code;
-}
-
-ipmi_ret_t badLength(ipmi_data_len_t dataLen)
-{
-    *dataLen = 0;
-    return IPMI_CC_REQ_DATA_LEN_INVALID;
 }
 
 struct FdCloser
@@ -126,8 +114,8 @@ ipmi_ret_t ipmi_vel_oem_get_chassis_intrusion(ipmi_netfn_t, ipmi_cmd_t,
     if (file == nullptr)
     {
         fprintf(stderr, "pq add oem open gpio%d not exist ！\n", intrusionGpio);
-        return answer(response, data_len, unknownState,
-                      IPMI_CC_UNSPECIFIED_ERROR);
+        return byteAnswer(response, data_len, unknownState,
+                          IPMI_CC_UNSPECIFIED_ERROR);
     }
     char text[16] = {};
     size_t got = fread(text, 1, sizeof(text) - 1, file);
@@ -149,7 +137,7 @@ ipmi_ret_t ipmi_vel_oem_get_chassis_intrusion(ipmi_netfn_t, ipmi_cmd_t,
     {
         state = 1; // opened
     }
-    return answer(response, data_len, state, IPMI_CC_OK);
+    return byteAnswer(response, data_len, state, IPMI_CC_OK);
 }
 
 ipmi_ret_t ipmi_vel_oem_set_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
@@ -166,13 +154,13 @@ ipmi_ret_t ipmi_vel_oem_set_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
     uint8_t enable = requestByte(request, *data_len, 0);
     if (enable > 1)
     {
-        return answer(response, data_len, 2, IPMI_CC_OK);
+        return byteAnswer(response, data_len, 2, IPMI_CC_OK);
     }
     char command[64];
     snprintf(command, sizeof(command), "echo %d  > %s", enable,
              tempDetectFlagPath);
     runShell(command);
-    return answer(response, data_len, 0, IPMI_CC_OK);
+    return byteAnswer(response, data_len, 0, IPMI_CC_OK);
 }
 
 ipmi_ret_t ipmi_vel_oem_get_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
@@ -188,7 +176,7 @@ ipmi_ret_t ipmi_vel_oem_get_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
         char command[64];
         snprintf(command, sizeof(command), "echo 0  > %s", tempDetectFlagPath);
         runShell(command);
-        return answer(response, data_len, 0, IPMI_CC_OK);
+        return byteAnswer(response, data_len, 0, IPMI_CC_OK);
     }
     char text[16] = {};
     size_t got = fread(text, 1, sizeof(text) - 1, file);
@@ -199,8 +187,8 @@ ipmi_ret_t ipmi_vel_oem_get_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
     {
         flag = 0;
     }
-    return answer(response, data_len, static_cast<uint8_t>(flag & 0xFF),
-                  IPMI_CC_OK);
+    return byteAnswer(response, data_len, static_cast<uint8_t>(flag & 0xFF),
+                      IPMI_CC_OK);
 }
 
 ipmi_ret_t ipmi_vel_oem_set_warn_led(ipmi_netfn_t, ipmi_cmd_t,
@@ -215,7 +203,7 @@ ipmi_ret_t ipmi_vel_oem_set_warn_led(ipmi_netfn_t, ipmi_cmd_t,
     // Active low: 0 lights the LED.
     uint8_t value = requestByte(request, *data_len, 0) == 0 ? 1 : 0;
     ipmi_ret_t code = warnLedTransfer(false, value);
-    return answer(response, data_len, code == IPMI_CC_OK ? 0 : 1, code);
+    return byteAnswer(response, data_len, code == IPMI_CC_OK ? 0 : 1, code);
 }
 
 ipmi_ret_t ipmi_vel_oem_get_warn_led(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
@@ -226,9 +214,9 @@ ipmi_ret_t ipmi_vel_oem_get_warn_led(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
     ipmi_ret_t code = warnLedTransfer(true, value);
     if (code != IPMI_CC_OK)
     {
-        return answer(response, data_len, unknownState, code);
+        return byteAnswer(response, data_len, unknownState, code);
     }
-    return answer(response, data_len, value == 0 ? 1 : 0, IPMI_CC_OK);
+    return byteAnswer(response, data_len, value == 0 ? 1 : 0, IPMI_CC_OK);
 }
 
 ipmi_ret_t ipmi_vel_oem_set_bmc_led(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
@@ -249,5 +237,5 @@ ipmi_ret_t ipmi_vel_oem_get_bmc_led(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
 {
     int status = system(getIdentifyLed);
     uint8_t lit = ((status >> 8) & 0xFF) != 0 ? 1 : 0;
-    return answer(response, data_len, lit, IPMI_CC_OK);
+    return byteAnswer(response, data_len, lit, IPMI_CC_OK);
 }

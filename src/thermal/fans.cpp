@@ -7,7 +7,7 @@
 #include "thermal/fans.hpp"
 
 #include "dbus.hpp"
-#include "inventory/wire.hpp"
+#include "oem/wire.hpp"
 #include "thermal/tables.hpp"
 
 #include <cstdlib>

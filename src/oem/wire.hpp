@@ -43,4 +43,21 @@ inline ipmi_ret_t reply(ipmi_response_t response, ipmi_data_len_t dataLen,
     return IPMI_CC_OK;
 }
 
+/* Answers one byte with the given completion code: a status byte, or the
+ * byte that tells the host which step failed. */
+inline ipmi_ret_t byteAnswer(ipmi_response_t response, ipmi_data_len_t dataLen,
+                             uint8_t value, ipmi_ret_t code)
+{
+    static_cast<uint8_t*>(response)[0] = value;
+    *dataLen = 1;
+    return code;
+}
+
+/* A request too short (or too long) for its fields: no data, 0xC7. */
+inline ipmi_ret_t badLength(ipmi_data_len_t dataLen)
+{
+    *dataLen = 0;
+    return IPMI_CC_REQ_DATA_LEN_INVALID;
+}
+
 } // namespace oem::wire
