@@ -4,12 +4,14 @@
 ipmitool prints them, overrides, batch mode and the sandbox root."""
 
 import os
+import shlex
 import shutil
 import subprocess
 import tempfile
 import unittest
 
-HOST = os.environ["OEM_HOST"]
+# A prefix such as an emulator for a host of another architecture.
+HOST = [*shlex.split(os.environ.get("OEM_EXE_WRAPPER", "")), os.environ["OEM_HOST"]]
 PLUGIN = os.environ["OEM_PLUGIN"]
 ECHO = os.environ["OEM_ECHO_PROVIDER"]
 MKSANDBOX = os.environ["OEM_MKSANDBOX"]
@@ -94,7 +96,7 @@ REGISTRATIONS = """\
 
 def host(*args, plugin=PLUGIN, stdin=None):
     return subprocess.run(
-        [HOST, "--plugin", plugin, *args],
+        [*HOST, "--plugin", plugin, *args],
         input=stdin,
         capture_output=True,
         text=True,

@@ -6,12 +6,13 @@ provider's calls are answered (or failed) by the simulator and recorded in
 the sandbox, and --stop ends it."""
 
 import os
+import shlex
 import shutil
 import subprocess
 import tempfile
 import unittest
 
-HOST = os.environ["OEM_HOST"]
+HOST = [*shlex.split(os.environ.get("OEM_EXE_WRAPPER", "")), os.environ["OEM_HOST"]]
 PROVIDER = os.environ["OEM_BUS_PROVIDER"]
 MKSANDBOX = os.environ["OEM_MKSANDBOX"]
 START_SIM_BUS = os.environ["START_SIM_BUS"]
@@ -43,7 +44,7 @@ class SimulatedBus(unittest.TestCase):
         return address
 
     def host(self, address, *request):
-        return run(HOST, "--plugin", PROVIDER, "--bus", address, "--root", self.root,
+        return run(*HOST, "--plugin", PROVIDER, "--bus", address, "--root", self.root,
                    "raw", *request)
 
     def sandbox_file(self, path):

@@ -4,6 +4,7 @@
 RMCP+ on loopback, ./bmc-sim down."""
 
 import os
+import shlex
 import shutil
 import socket
 import subprocess
@@ -11,7 +12,7 @@ import tempfile
 import unittest
 
 BMC_SIM = os.environ["OEM_BMC_SIM"]
-HOST = os.environ["OEM_HOST"]
+HOST = [*shlex.split(os.environ.get("OEM_EXE_WRAPPER", "")), os.environ["OEM_HOST"]]
 
 
 def free_udp_port():
@@ -78,7 +79,7 @@ class SimulatedBmc(unittest.TestCase):
         for request in requests:
             lan = self.ipmitool(*request)
             local = subprocess.run(
-                [HOST, "--root", self.root, "--bus", bus, "raw", *request],
+                [*HOST, "--root", self.root, "--bus", bus, "raw", *request],
                 capture_output=True, text=True, timeout=60)
             self.assertEqual(lan.returncode, local.returncode, request)
             self.assertEqual(lan.stdout, local.stdout, request)
