@@ -15,16 +15,16 @@ using Bytes = std::vector<uint8_t>;
 
 Bytes withHeader(const Bytes& payload, size_t size)
 {
-    Bytes answer = {0x00, 0x01};
-    answer.insert(answer.end(), payload.begin(), payload.end());
-    answer.resize(2 + size, 0);
+    Bytes answer(payload);
+    answer.resize(size, 0);
+    answer.insert(answer.begin(), {0x00, 0x01});
     return answer;
 }
 
 Bytes dimm(uint8_t number, const std::string& size)
 {
-    Bytes r = {number, 'D', 'D', 'R', '4', 0, 0, 0, 0, 0, 0};
-    r.insert(r.end(), size.begin(), size.end());
+    Bytes r(size.begin(), size.end());
+    r.insert(r.begin(), {number, 'D', 'D', 'R', '4', 0, 0, 0, 0, 0, 0});
     r.resize(40, 0);
     return r;
 }

@@ -74,8 +74,8 @@ Bytes bytesOfValues(const Values& v)
 
 Bytes setRequest(uint8_t copy, std::initializer_list<uint8_t> options)
 {
-    Bytes r = {copy};
-    r.insert(r.end(), options.begin(), options.end());
+    Bytes r(options);
+    r.insert(r.begin(), copy);
     return r;
 }
 

@@ -36,8 +36,8 @@ struct RestorePsus
 
 Bytes block(const std::string& text)
 {
-    Bytes bytes{static_cast<uint8_t>(text.size())};
-    bytes.insert(bytes.end(), text.begin(), text.end());
+    Bytes bytes(text.begin(), text.end());
+    bytes.insert(bytes.begin(), static_cast<uint8_t>(text.size()));
     return bytes;
 }
 
