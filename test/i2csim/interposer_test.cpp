@@ -5,6 +5,7 @@
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -346,10 +347,14 @@ TEST_F(Interposer, OtherDescriptorsAndRequestsReachTheKernel)
     EXPECT_EQ(ioctl(pipeFds[0], FIONREAD, &pending), 0);
     EXPECT_EQ(pending, 3);
 
+    // Whatever the kernel answers (ENOTTY; an emulator may say ENOSYS).
     i2c_rdwr_ioctl_data data{};
     errno = 0;
+    EXPECT_EQ(syscall(SYS_ioctl, pipeFds[0], I2C_RDWR, &data), -1);
+    int kernelError = errno;
+    errno = 0;
     EXPECT_EQ(ioctl(pipeFds[0], I2C_RDWR, &data), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(errno, kernelError);
     close(pipeFds[0]);
     close(pipeFds[1]);
 
