@@ -5,7 +5,10 @@ resolve: anything outside the daemon ABI, libc, the C++ runtime and
 libsystemd (plus the sanitizer runtimes in a sanitized build). The daemon
 silently skips a provider with one unresolved symbol."""
 
+import glob
+import os
 import re
+import shlex
 import subprocess
 import sys
 
@@ -31,6 +34,13 @@ def needed(path):
 
 
 def resolved_paths(path):
+    # A foreign provider run under an emulator: its libraries are under the
+    # emulator's root (-L), where ldd cannot look.
+    wrapper = shlex.split(os.environ.get("OEM_EXE_WRAPPER", ""))
+    if "-L" in wrapper:
+        root = wrapper[wrapper.index("-L") + 1]
+        found = (glob.glob(f"{root}/{d}/*/{lib}") for d in ("lib", "usr/lib") for lib in needed(path))
+        return {os.path.basename(p[0]): p[0] for p in found if p}
     paths = {}
     for line in run("ldd", path).splitlines():
         m = re.match(r"\s*(\S+) => (/\S+)", line)
