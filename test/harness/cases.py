@@ -437,7 +437,7 @@ class Host:
 
 class Run:
     def __init__(self, board):
-        self.board, self.host, self.stderr, self.new = board, None, "", {}
+        self.board, self.host, self.stderr, self.new, self.output = board, None, "", {}, b""
 
     def case(self, case):
         """Runs a case; the failure message, or None."""
@@ -475,13 +475,14 @@ class Run:
         return tokens(step.rest)
 
     # Set-up.
-    def do_request(self, step):
-        netfn, cmd, data, cc, pattern = request_of(step)
+    def logged(self, action):
+        """Runs action and keeps the log lines it added, for ran and
+        called."""
         sizes = {}
         for log in (COMMANDS, CALLS):
             real = self.board.path(log)
             sizes[log] = os.path.getsize(real) if os.path.exists(real) else 0
-        answer, self.stderr = self.host.request(netfn, cmd, data)
+        result = action()
         for log, size in sizes.items():
             real = self.board.path(log)
             with open(real if os.path.exists(real) else os.devnull, "rb") as f:
@@ -489,6 +490,11 @@ class Run:
                 self.new[log] = f.read().decode(errors="replace").splitlines()
         if any(" org.freedesktop.DBus.Properties Set " in l for l in self.new[CALLS]):
             self.board.dbus_changed = True
+        return result
+
+    def do_request(self, step):
+        netfn, cmd, data, cc, pattern = request_of(step)
+        answer, self.stderr = self.logged(lambda: self.host.request(netfn, cmd, data))
         if SANITIZER.search(self.stderr):
             raise Failure("sanitizer report:\n" + self.stderr)
         got = [int(word, 16) for word in answer.split()]
@@ -568,7 +574,8 @@ class Run:
         command = ["chroot", self.board.root, "/bin/sh", "-c", step.rest]
         if os.geteuid() != 0:
             command = ["unshare", "-r"] + command
-        result = subprocess.run(command, capture_output=True, timeout=60)
+        result = self.logged(lambda: subprocess.run(command, capture_output=True, timeout=60))
+        self.output = result.stdout
         if result.returncode != 0:
             raise Failure(f"sh exited {result.returncode}: {result.stderr.decode()}")
 
@@ -580,6 +587,11 @@ class Run:
         if got is None or not matches(expected, got):
             raise Failure(f"{words[0]} differs\n" +
                           ("(missing)" if got is None else diff(show(expected), show(got))))
+
+    def do_output(self, step):
+        expected = byte_list(self.words(step), pattern=True)
+        if not matches(expected, list(self.output)):
+            raise Failure("output differs\n" + diff(show(expected), show(list(self.output))))
 
     def do_absent(self, step):
         if os.path.lexists(self.board.path(self.words(step)[0])):
