@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The simulated BMC D-Bus from inside a sandbox, through the plug-in's own
-// D-Bus layer: the object mapper, properties of every type, named errors,
-// the call record, injected failures and the busctl of the sandbox.
+// D-Bus layer on the host's connection: the object mapper, properties of
+// every type, named errors, the call record, injected failures and the
+// busctl of the sandbox.
 
-#include "dbus.hpp"
+#include "oem/dbus.hpp"
 #include "plugin.hpp"
 
 #include <sys/wait.h>
@@ -14,7 +15,6 @@ namespace
 {
 
 using oem::Value;
-using testing_dbus::bus;
 
 constexpr const char* fanPwm = "xyz.openbmc_project.Control.FanPwm";
 constexpr const char* sensors = "/xyz/openbmc_project/sensors";
@@ -28,6 +28,29 @@ constexpr const char* modeInterface =
 constexpr const char* scratch = "xyz.openbmc_project.Scratch";
 constexpr const char* notFound =
     "xyz.openbmc_project.Common.Error.ResourceNotFound";
+constexpr const char* failures = "/var/sim/dbus/failures";
+constexpr const char* callRecord = "/var/log/sim/dbus-calls.log";
+
+const oem::Bus& bus()
+{
+    static const oem::Bus connection(ipmid_get_sd_bus_connection());
+    return connection;
+}
+
+// The simulator's state behind the plug-in's back (neither recorded nor
+// failed): bmcsim.Control, sim/dbus/README.md.
+template <typename... Args>
+oem::Message control(const char* method, const Args&... args)
+{
+    return bus().callMethod("bmcsim.Control", "/bmcsim", "bmcsim.Control",
+                            method, args...);
+}
+
+void setProperty(const char* service, const std::string& path,
+                 const char* interface, const char* property, const Value& v)
+{
+    control("SetProperty", service, path, interface, property, v);
+}
 
 /* The D-Bus error name a call throws, or "" if it does not throw. */
 template <typename Call>
@@ -53,9 +76,8 @@ TEST(SimBus, MapperFindsServicesAndObjectsInNameOrder)
 {
     // A second service on the restriction-mode object: the first in name
     // order wins, as with the daemon's getService.
-    testing_dbus::setProperty("xyz.openbmc_project.Aaa", modePath,
-                              modeInterface, "RestrictionMode",
-                              std::string("shadow"));
+    setProperty("xyz.openbmc_project.Aaa", modePath, modeInterface,
+                "RestrictionMode", std::string("shadow"));
     EXPECT_EQ(bus().getService(modeInterface, modePath),
               "xyz.openbmc_project.Aaa");
     EXPECT_EQ(bus().getObject(modePath, {}).at("xyz.openbmc_project.Settings"),
@@ -63,13 +85,13 @@ TEST(SimBus, MapperFindsServicesAndObjectsInNameOrder)
                                         "org.freedesktop.DBus.Peer",
                                         "org.freedesktop.DBus.Properties",
                                         modeInterface}));
-    testing_dbus::remove("xyz.openbmc_project.Aaa", modePath);
+    control("Remove", "xyz.openbmc_project.Aaa", modePath, "", "");
     EXPECT_EQ(errorOf([] { bus().getService(fanPwm, modePath); }), notFound);
 
     // Objects by path, whoever serves them; a part of the path selects.
-    testing_dbus::setProperty(scratch, fan(9), fanPwm, "Target", uint64_t{1});
-    testing_dbus::setProperty(scratch, std::string(sensors) + "/aaa/PWM0",
-                              fanPwm, "Target", uint64_t{2});
+    setProperty(scratch, fan(9), fanPwm, "Target", uint64_t{1});
+    setProperty(scratch, std::string(sensors) + "/aaa/PWM0", fanPwm, "Target",
+                uint64_t{2});
     std::vector<std::string> paths;
     for (const auto& [path, services] :
          bus().getAllDbusObjects(sensors, fanPwm))
@@ -83,8 +105,8 @@ TEST(SimBus, MapperFindsServicesAndObjectsInNameOrder)
                          fan(4) + hwmon, fan(5) + hwmon, fan(6) + hwmon,
                          fan(7) + hwmon, fan(9) + " " + scratch}));
     EXPECT_EQ(bus().getAllDbusObjects(sensors, fanPwm, "FAN9").size(), 1u);
-    testing_dbus::remove(scratch, fan(9));
-    testing_dbus::remove(scratch, std::string(sensors) + "/aaa/PWM0");
+    control("Remove", scratch, fan(9), "", "");
+    control("Remove", scratch, std::string(sensors) + "/aaa/PWM0", "", "");
 
     // The fans are two levels below the root; depth 0 is any depth.
     EXPECT_EQ(bus().getSubTree(sensors, {fanPwm}, 1).size(), 0u);
@@ -110,14 +132,16 @@ TEST(SimBus, PropertiesKeepEveryBasicTypeBothWays)
     };
     for (const auto& value : values)
     {
-        testing_dbus::setProperty(scratch, "/s", scratch, "P", value);
+        setProperty(scratch, "/s", scratch, "P", value);
         EXPECT_EQ(bus().getProperty(scratch, "/s", scratch, "P"), value)
             << value.index();
         bus().setProperty(scratch, "/s", scratch, "P", value);
-        EXPECT_EQ(testing_dbus::getProperty(scratch, "/s", scratch, "P"), value)
+        EXPECT_EQ(
+            control("GetProperty", scratch, "/s", scratch, "P").readVariant(),
+            value)
             << value.index();
     }
-    testing_dbus::remove(scratch, "/s");
+    control("Remove", scratch, "/s", "", "");
 }
 
 TEST(SimBus, MissingPiecesAndWrongTypesAreNamedErrors)
@@ -173,13 +197,21 @@ TEST(SimBus, MissingPiecesAndWrongTypesAreNamedErrors)
 
 TEST(SimBus, CallsAreRecordedAndFailedOnRequest)
 {
-    testing_dbus::clearCalls();
-    testing_dbus::failCall("* Get \"*\" \"LedStatus\"",
-                           "org.freedesktop.DBus.Error.NoReply",
-                           "LED \"controller\" asleep", 1);
+    writeFile(callRecord, "");
+    // The first rule that matches answers; a counted one is used up and
+    // goes, one without a count stays.
+    const std::string stays =
+        "* xyz.openbmc_project.Common.Error.NotAllowed \"\" *LedStatus*\n";
+    writeFile(failures, "1 org.freedesktop.DBus.Error.NoReply \"LED "
+                        "\\\"controller\\\" asleep\" * Get \"*\" "
+                        "\"LedStatus\"\n" +
+                            stays);
+    auto get = [] {
+        bus().getProperty(led, ledPath, ledInterface, "LedStatus");
+    };
     try
     {
-        bus().getProperty(led, ledPath, ledInterface, "LedStatus");
+        get();
         ADD_FAILURE() << "the injected failure did not come";
     }
     catch (const oem::DbusError& e)
@@ -187,47 +219,31 @@ TEST(SimBus, CallsAreRecordedAndFailedOnRequest)
         EXPECT_STREQ(e.what(), "sd_bus_call: org.freedesktop.DBus.Error."
                                "NoReply: LED \"controller\" asleep");
     }
-    EXPECT_EQ(readFile(testing_dbus::failuresPath), ""); // used up
-    bus().getProperty(led, ledPath, ledInterface, "LedStatus");
+    EXPECT_EQ(readFile(failures), stays);
+    EXPECT_EQ(errorOf(get), "xyz.openbmc_project.Common.Error.NotAllowed");
+    EXPECT_EQ(errorOf(get), "xyz.openbmc_project.Common.Error.NotAllowed");
+    writeFile(failures, "");
+    get();
     bus().setProperty("org.openbmc.control.FanMode",
                       "/org/openbmc/control/fanmode",
                       "org.openbmc.control.FanMode", "setPwm", int32_t{-1});
     bus().getSubTree(sensors, {fanPwm, "x.y"}, 2);
-    testing_dbus::failCall("xyz.openbmc_project.Software.BMC.Updater *",
-                           "xyz.openbmc_project.Common.Error.NotAllowed");
-    for (int i = 0; i < 2; ++i) // a rule without a count stays
-    {
-        EXPECT_EQ(errorOf([] {
-                      bus().callMethod(
-                          "xyz.openbmc_project.Software.BMC.Updater",
-                          "/xyz/openbmc_project/software",
-                          "xyz.openbmc_project.Common.FactoryReset", "Reset");
-                  }),
-                  "xyz.openbmc_project.Common.Error.NotAllowed");
-    }
-    testing_dbus::clearFailures();
     const std::string ledGet =
         "org.openbmc.control.bussysctl /org/openbmc/control/bussysctl "
         "org.freedesktop.DBus.Properties Get "
-        "\"org.openbmc.control.bussysctlMachine\" \"LedStatus\"";
-    const std::string reset = "xyz.openbmc_project.Software.BMC.Updater "
-                              "/xyz/openbmc_project/software "
-                              "xyz.openbmc_project.Common.FactoryReset Reset";
-    EXPECT_EQ(testing_dbus::calls(),
-              (std::vector<std::string>{
-                  ledGet, ledGet,
+        "\"org.openbmc.control.bussysctlMachine\" \"LedStatus\"\n";
+    EXPECT_EQ(readFile(callRecord),
+              ledGet + ledGet + ledGet + ledGet +
                   "org.openbmc.control.FanMode /org/openbmc/control/fanmode "
                   "org.freedesktop.DBus.Properties Set "
-                  "\"org.openbmc.control.FanMode\" \"setPwm\" i -1",
+                  "\"org.openbmc.control.FanMode\" \"setPwm\" i -1\n"
                   "xyz.openbmc_project.ObjectMapper "
                   "/xyz/openbmc_project/object_mapper "
                   "xyz.openbmc_project.ObjectMapper GetSubTree "
                   "\"/xyz/openbmc_project/sensors\" 2 "
-                  "[\"xyz.openbmc_project.Control.FanPwm\" \"x.y\"]",
-                  reset, reset}));
-    testing_dbus::setProperty(
-        "org.openbmc.control.FanMode", "/org/openbmc/control/fanmode",
-        "org.openbmc.control.FanMode", "setPwm", int32_t{40});
+                  "[\"xyz.openbmc_project.Control.FanPwm\" \"x.y\"]\n");
+    setProperty("org.openbmc.control.FanMode", "/org/openbmc/control/fanmode",
+                "org.openbmc.control.FanMode", "setPwm", int32_t{40});
 }
 
 TEST(SimBus, BusctlInTheSandboxIsLoggedAndReallySets)
@@ -243,18 +259,18 @@ TEST(SimBus, BusctlInTheSandboxIsLoggedAndReallySets)
     // not have, and a set the simulator is told to fail: both refused.
     EXPECT_EQ(system((" " + set + " s " + modes + "Provisioning ").c_str()), 0);
     EXPECT_NE(system((set + "i 3 2>/dev/null").c_str()), 0);
-    testing_dbus::failCall("* Set *", "org.freedesktop.DBus.Error.Failed");
+    writeFile(failures, "* org.freedesktop.DBus.Error.Failed \"\" * Set *\n");
     EXPECT_NE(system((set + "s x 2>/dev/null").c_str()), 0);
-    testing_dbus::clearFailures();
-    EXPECT_EQ(testing_dbus::getProperty("xyz.openbmc_project.Settings",
-                                        modePath, modeInterface,
-                                        "RestrictionMode"),
+    writeFile(failures, "");
+    EXPECT_EQ(control("GetProperty", "xyz.openbmc_project.Settings", modePath,
+                      modeInterface, "RestrictionMode")
+                  .readVariant(),
               Value{modes + "Provisioning"});
     EXPECT_EQ(readFile("/var/log/sim/commands.log"),
               set + "s " + modes + "Provisioning\n" + set + "i 3\n" + set +
                   "s x\n");
-    testing_dbus::setProperty("xyz.openbmc_project.Settings", modePath,
-                              modeInterface, "RestrictionMode", modes + "None");
+    setProperty("xyz.openbmc_project.Settings", modePath, modeInterface,
+                "RestrictionMode", modes + "None");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// LINEAR11 decoding and the location-file splitter.
+// LINEAR11 decoding. The location files' reading is checked through the
+// commands (power_health/psu.cases).
 
 #include "power/psu_location.hpp"
 
@@ -33,41 +34,6 @@ TEST(Linear11, UnsignedMantissaSignedExponent)
                   c.value)
             << std::hex << c.word;
     }
-}
-
-TEST(PsuSplit, PiecesBetweenDelimiters)
-{
-    using Pieces = std::vector<std::string>;
-    struct Case
-    {
-        std::string text;
-        std::string delimiter;
-        Pieces pieces;
-    };
-    const Case cases[] = {
-        {"I2CBUS=8", "=", {"I2CBUS", "8"}},
-        {"I2CBUS=8=9", "=", {"I2CBUS", "8", "9"}},
-        {"I2CBUS=", "=", {"I2CBUS", ""}},
-        {"a==b", "=", {"a", "", "b"}},
-        {"=a", "=", {"", "a"}},
-        {"plain", "=", {"plain"}},
-        {"", "=", {}},
-        {"a: b: c", ": ", {"a", "b", "c"}},
-        {"a:b", ": ", {"a:b"}},
-    };
-    for (const auto& c : cases)
-    {
-        EXPECT_EQ(psu_split_m7r(c.text, c.delimiter), c.pieces) << c.text;
-    }
-}
-
-TEST(PsuSplit, LocationValueIsDecimalLowByte)
-{
-    EXPECT_EQ(oem::locationValue("88"), 88);
-    EXPECT_EQ(oem::locationValue("0x58"), 0);
-    EXPECT_EQ(oem::locationValue("264"), 8);
-    EXPECT_EQ(oem::locationValue(""), 0);
-    EXPECT_EQ(oem::locationValue("8\r"), 8);
 }
 
 } // namespace
