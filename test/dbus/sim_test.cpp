@@ -195,6 +195,18 @@ TEST(SimBus, MissingPiecesAndWrongTypesAreNamedErrors)
     }
 }
 
+// A handler may make a bus object of the daemon's connection for one call;
+// its end must leave the daemon's connection open.
+TEST(SimBus, ABusObjectHoldsAReferenceOfItsOwn)
+{
+    {
+        oem::Bus once(ipmid_get_sd_bus_connection());
+        once.getProperty(led, ledPath, ledInterface, "LedStatus");
+    }
+    EXPECT_EQ(bus().getProperty(led, ledPath, ledInterface, "LedStatus"),
+              Value{std::string("false")});
+}
+
 TEST(SimBus, CallsAreRecordedAndFailedOnRequest)
 {
     writeFile(callRecord, "");
