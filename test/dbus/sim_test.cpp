@@ -6,6 +6,11 @@
 #include "oem/dbus.hpp"
 #include "plugin.hpp"
 
+#include <signal.h>
+
+#include <chrono>
+#include <thread>
+
 namespace
 {
 
@@ -199,6 +204,29 @@ TEST(SimBus, ABusObjectHoldsAReferenceOfItsOwn)
     }
     EXPECT_EQ(bus().getProperty(led, ledPath, ledInterface, "LedStatus"),
               Value{std::string("false")});
+}
+
+// A service that answers late (stopped here for 300 ms) is waited for.
+TEST(SimBus, ASlowServiceIsWaitedFor)
+{
+    pid_t sim = std::stoi(readFile("/run/dbus/bmc-dbus-sim.pid"));
+    ASSERT_EQ(kill(sim, SIGSTOP), 0);
+    std::thread wake([sim] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        kill(sim, SIGCONT);
+    });
+    std::string got;
+    try
+    {
+        got = std::get<std::string>(
+            bus().getProperty(led, ledPath, ledInterface, "LedStatus"));
+    }
+    catch (const std::exception& e)
+    {
+        got = e.what();
+    }
+    wake.join();
+    EXPECT_EQ(got, "false");
 }
 
 // The simulator's failure rules and call record themselves are checked
