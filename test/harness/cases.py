@@ -14,12 +14,14 @@ import argparse
 import difflib
 import fcntl
 import fnmatch
+import itertools
 import os
 import re
 import select
 import shlex
 import shutil
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -28,9 +30,11 @@ import time
 TIMEOUT = 120  # seconds a request may take before the host counts as hung
 COMMAND_LOG = "/var/log/sim/commands.log"
 CALL_LOG = "/var/log/sim/dbus-calls.log"
+I2C_LOG = "/var/log/sim/i2c-transfers.log"  # the interposer's, for I2CSIM_LOG
+LOGS = {"ran": COMMAND_LOG, "called": CALL_LOG, "transferred": I2C_LOG}
 # Written by the bus processes themselves; never restored.
 UNTRACKED = ("/proc", "/run/dbus", "/var/log/sim/dbus-daemon.log",
-             "/var/log/sim/bmc-dbus-sim.log")
+             "/var/log/sim/bmc-dbus-sim.log", I2C_LOG)
 SANITIZER = re.compile(r"ERROR: (Address|Leak)Sanitizer|runtime error:")
 
 
@@ -154,12 +158,11 @@ class Case:
 
 
 REQUEST = re.compile(r"(?:0x)?[0-9a-fA-F]{1,2}\s")
-RAW = ("ran", "called", "stderr", "dbus-fail", "sh", "define", "case")
+RAW = ("ran", "called", "transferred", "stderr", "dbus-fail", "sh", "define", "case")
 
 
 def read_cases(path):
-    cases = []
-    defines = {}
+    defines, lists, raw = {}, {}, []  # raw: (line, name, [(line, text)]) per case
     with open(path, encoding="utf-8") as f:
         for number, line in enumerate(f, 1):
             text = line.strip()
@@ -167,21 +170,45 @@ def read_cases(path):
                 continue
             for name in sorted(defines, key=len, reverse=True):
                 text = text.replace("$" + name, defines[name])
-            if REQUEST.match(text + " "):
-                keyword, rest = "request", text
-            else:
-                keyword, _, rest = text.partition(" ")
-                rest = rest.strip()
+            keyword, _, rest = text.partition(" ")
+            rest = rest.strip()
             if keyword == "define":
                 name, _, value = rest.partition(" ")
                 defines[name] = value.strip()
+            elif keyword == "list":
+                name, _, item = rest.partition(" ")
+                item = " ".join(tokens(item))
+                lists.setdefault(name, []).extend(
+                    lists[item[1:]] if item[1:] in lists and item[0] == "@" else [item])
             elif keyword == "case":
-                cases.append(Case(path, number, rest))
-            elif not cases:
+                raw.append((number, rest, []))
+            elif not raw:
                 raise Failure(f"{path}:{number}: {keyword} outside a case")
             else:
-                cases[-1].steps.append(Step(path, number, keyword, rest))
+                raw[-1][2].append((number, text))
+    cases = []
+    for number, name, lines in raw:
+        # A case that names lists runs once for every combination of their
+        # items.
+        text = "\n".join([name] + [t for _, t in lines])
+        used = [n for n in lists if re.search(rf"@{n}\b", text)]
+        for items in itertools.product(*(lists[n] for n in used)):
+            def fill(text):
+                for n, item in zip(used, items):
+                    text = re.sub(rf"@{n}\b", lambda _: item, text)
+                return text
+            case = Case(path, number, fill(name) + "".join(
+                f" [{item}]" for n, item in zip(used, items) if f"@{n}" not in name))
+            case.steps = [step_of(path, n, fill(t)) for n, t in lines]
+            cases.append(case)
     return cases
+
+
+def step_of(path, number, text):
+    if REQUEST.match(text + " "):
+        return Step(path, number, "request", text)
+    keyword, _, rest = text.partition(" ")
+    return Step(path, number, keyword, rest.strip())
 
 
 def request_of(step):
@@ -292,6 +319,30 @@ class Board:
             os.chmod(real, mode & 0o7777)
             os.utime(real, ns=(mtime, mtime))
 
+    def changes(self, skip):
+        """Sandbox paths that differ from the start: "+PATH" new, "-PATH"
+        gone, "PATH" changed; paths in skip, and what lies below them, are
+        not looked at."""
+        def skipped(inner):
+            return any(inner == s or inner.startswith(s.rstrip("/") + "/") for s in skip)
+        out, seen = [], set()
+        for inner, real in self.walk():
+            seen.add(inner)
+            if skipped(inner):
+                continue
+            if inner not in self.start:
+                out.append("+" + inner)
+                continue
+            mode, size, mtime, content = self.start[inner]
+            st = os.lstat(real)
+            if (st.st_mode, st.st_size, st.st_mtime_ns) == (mode, size, mtime):
+                continue
+            if stat.S_IFMT(st.st_mode) != stat.S_IFMT(mode) or (
+                    os.readlink(real) != content if isinstance(content, str) else
+                    content is not None and read_extents(real) != content):
+                out.append(inner)
+        return out + ["-" + p for p in sorted(self.start) if p not in seen and not skipped(p)]
+
     def restart_dbus(self):
         """A fresh simulator on the same bus: its properties as the board has
         them, the host's connection kept."""
@@ -322,7 +373,7 @@ class Board:
 
     def control(self, method, signature, *args):
         result = subprocess.run(
-            ["busctl", f"--address={self.address}", "call", "bmcsim.Control", "/bmcsim",
+            ["busctl", f"--address={self.address}", "call", "--", "bmcsim.Control", "/bmcsim",
              "bmcsim.Control", method, signature, *args],
             capture_output=True, text=True, timeout=30)
         if result.returncode != 0:
@@ -449,7 +500,7 @@ class Host:
             wrapper + [board.env["OEM_HOST"], "--root", board.root, "--bus", board.address,
                        *options, "--batch"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            pass_fds=keep)
+            pass_fds=keep, env=dict(os.environ, I2CSIM_LOG=I2C_LOG))
         self.options = tuple(options)
         self.out = b""
         for stream in (self.process.stdout, self.process.stderr):
@@ -543,7 +594,7 @@ class Run:
         if case.steps and case.steps[0].keyword == "host":
             options = shlex.split(case.steps[0].rest)
         self.ensure_host(options)
-        self.new = {COMMAND_LOG: [], CALL_LOG: []}
+        self.new = {path: [] for path in LOGS.values()}
         self.stderr = ""
         pending = {}  # keyword -> (first step, expected lines)
         steps = case.steps[1:] if options else case.steps
@@ -555,7 +606,7 @@ class Run:
                     self.check_lines(*pending.pop(key), key)
                 if step is None:
                     break
-                if keyword in ("ran", "called"):
+                if keyword in LOGS:
                     pending.setdefault(keyword, (step, []))[1].append(step.rest)
                     continue
                 self.step(step)
@@ -570,7 +621,7 @@ class Run:
             board.restore()
 
     def check_lines(self, step, expected, keyword):
-        got = self.new[COMMAND_LOG if keyword == "ran" else CALL_LOG]
+        got = self.new[LOGS[keyword]]
         if expected == ["nothing"]:
             expected = []
         if got != expected:
@@ -626,6 +677,10 @@ class Run:
         elif k == "absent":
             if os.path.lexists(board.path(words[0])):
                 raise Failure(f"{words[0]} is there")
+        elif k == "unchanged":
+            changed = board.changes(set(words))
+            if changed:
+                raise Failure("the board changed: " + " ".join(changed))
         elif k == "register":
             bus, address, reg = int(words[0]), int(words[1], 16), int(words[2], 16)
             device = edit_bus(board.path(f"/dev/i2c-{bus}")).get(address, ({}, {}))
@@ -694,13 +749,15 @@ class Run:
 
     def send(self, step):
         netfn, cmd, data, cc, pattern = request_of(step)
-        sizes = {path: self.log_size(path) for path in (COMMAND_LOG, CALL_LOG)}
+        sizes = {path: self.log_size(path) for path in LOGS.values()}
         answer, self.stderr = self.host.request(netfn, cmd, data)
         for path, size in sizes.items():
             real = self.board.path(path)
             with open(real, "rb") if os.path.exists(real) else open(os.devnull, "rb") as f:
                 f.seek(size)
                 self.new[path] = f.read().decode(errors="replace").splitlines()
+        # The process id of a transfer differs from run to run.
+        self.new[I2C_LOG] = [re.sub(r" pid=\d+", "", line) for line in self.new[I2C_LOG]]
         if any(" org.freedesktop.DBus.Properties Set " in line for line in self.new[CALL_LOG]):
             self.board.dbus_changed = True
         if SANITIZER.search(self.stderr):
