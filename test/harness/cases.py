@@ -36,8 +36,8 @@ LOGS = {"ran": COMMANDS, "called": CALLS, "transferred": TRANSFERS}
 # Written by the bus processes themselves; never restored.
 UNTRACKED = ("/proc", "/run/dbus", "/var/log/sim/dbus-daemon.log",
              "/var/log/sim/bmc-dbus-sim.log", TRANSFERS)
-SANITIZER = re.compile(r"ERROR: (Address|Leak)Sanitizer|runtime error:")
-RAW = ("ran", "called", "transferred", "stderr", "dbus-fail", "sh")  # take the line as it is
+SANITIZER = re.compile(r"ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:")
+RAW = ("ran", "called", "transferred", "stderr", "dbus-fail", "sh")  # the line as it is
 
 
 class Failure(Exception):
@@ -485,7 +485,7 @@ class Host:
 
 class Run:
     def __init__(self, board):
-        self.board, self.host, self.stderr, self.new = board, None, "", {}
+        self.board, self.host, self.stderr, self.new, self.output = board, None, "", {}, b""
 
     def case(self, case):
         """Runs a case; the failure message, or None."""
@@ -524,13 +524,14 @@ class Run:
         return tokens(step.rest)
 
     # Set-up.
-    def do_request(self, step):
-        netfn, cmd, data, cc, pattern = request_of(step)
+    def logged(self, action):
+        """Runs action and keeps the log lines it added, for ran and
+        called."""
         sizes = {}
         for log in LOGS.values():
             real = self.board.path(log)
             sizes[log] = os.path.getsize(real) if os.path.exists(real) else 0
-        answer, self.stderr = self.host.request(netfn, cmd, data)
+        result = action()
         for log, size in sizes.items():
             real = self.board.path(log)
             with open(real if os.path.exists(real) else os.devnull, "rb") as f:
@@ -540,6 +541,11 @@ class Run:
         self.new[TRANSFERS] = [re.sub(r" pid=\d+", "", l) for l in self.new[TRANSFERS]]
         if any(" org.freedesktop.DBus.Properties Set " in l for l in self.new[CALLS]):
             self.board.dbus_changed = True
+        return result
+
+    def do_request(self, step):
+        netfn, cmd, data, cc, pattern = request_of(step)
+        answer, self.stderr = self.logged(lambda: self.host.request(netfn, cmd, data))
         if SANITIZER.search(self.stderr):
             raise Failure("sanitizer report:\n" + self.stderr)
         got = [int(word, 16) for word in answer.split()]
@@ -619,7 +625,8 @@ class Run:
         command = ["chroot", self.board.root, "/bin/sh", "-c", step.rest]
         if os.geteuid() != 0:
             command = ["unshare", "-r"] + command
-        result = subprocess.run(command, capture_output=True, timeout=60)
+        result = self.logged(lambda: subprocess.run(command, capture_output=True, timeout=60))
+        self.output = result.stdout
         if result.returncode != 0:
             raise Failure(f"sh exited {result.returncode}: {result.stderr.decode()}")
 
@@ -631,6 +638,11 @@ class Run:
         if got is None or not matches(expected, got):
             raise Failure(f"{words[0]} differs\n" +
                           ("(missing)" if got is None else diff(show(expected), show(got))))
+
+    def do_output(self, step):
+        expected = byte_list(self.words(step), pattern=True)
+        if not matches(expected, list(self.output)):
+            raise Failure("output differs\n" + diff(show(expected), show(list(self.output))))
 
     def do_absent(self, step):
         if os.path.lexists(self.board.path(self.words(step)[0])):

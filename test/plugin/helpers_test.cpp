@@ -56,8 +56,9 @@ TEST(AlarmDetail, ListsTheSensorsOfTheHighestFlaggedLevel)
 
     unlink("/etc/warnlogreport_flag.conf");
     std::string untouched(4096, '\0');
-    EXPECT_NE(stderrOf([&] { detail(untouched.data(), 0, 0, 1); })
-                  .find("] warnlogreport_flag.conf can not open \n\n"),
+    EXPECT_NE(stderrOf([&] {
+                  detail(untouched.data(), 0, 0, 1);
+              }).find("] warnlogreport_flag.conf can not open \n\n"),
               std::string::npos);
     EXPECT_EQ(untouched[0], '\0');
 
@@ -131,9 +132,8 @@ TEST(LocalBusRead, ReadsOneByteAtAnOffset)
 TEST(I2c, WritesAndLongBlockReads)
 {
     auto write = pluginSymbol<int (*)(int, int, uint8_t, uint8_t)>("i2c_write");
-    auto writeBuffer =
-        pluginSymbol<int (*)(int, uint16_t, uint8_t*, uint16_t)>(
-            "i2c_write_buffer");
+    auto writeBuffer = pluginSymbol<int (*)(int, uint16_t, uint8_t*, uint16_t)>(
+        "i2c_write_buffer");
     auto smbusRead =
         pluginSymbol<int (*)(int, uint8_t, uint8_t, uint8_t, char*)>(
             "smbus_read");
@@ -165,6 +165,15 @@ TEST(I2c, WritesAndLongBlockReads)
                                         "DELTA#12345\xff");
         EXPECT_EQ(out[32], '#');
     }
+}
+
+// killall and ps in the sandbox must see only its own processes: the host
+// (here the test) is PID 1 of a namespace of its own.
+TEST(Sandbox, SeesOnlyItsOwnProcesses)
+{
+    EXPECT_EQ(getpid(), 1);
+    board::Run processes = board::run("ps -o pid= | wc -l");
+    EXPECT_LE(std::stoi(processes.output), 6) << board::run("ps").output;
 }
 
 } // namespace
