@@ -344,6 +344,13 @@ class Board:
         os.kill(pid, signal.SIGTERM)
         for _ in range(500):
             try:
+                # A simulator of an earlier restart is our child: until it
+                # is reaped it stays a zombie and seems alive.
+                if os.waitpid(pid, os.WNOHANG)[0]:
+                    break
+            except ChildProcessError:
+                pass
+            try:
                 os.kill(pid, 0)
                 time.sleep(0.01)
             except ProcessLookupError:
