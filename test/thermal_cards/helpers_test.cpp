@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The exported card helpers, for other modules, where no command reaches:
-// emptying a card's board information and reading a card file for a length
-// it does not hold.
+// emptying a card's board information, reading a card file for a length it
+// does not hold, and the readings writer under its exported name.
 
 #include "plugin.hpp"
+
+#include <unistd.h>
 
 namespace
 {
@@ -17,6 +19,8 @@ TEST(CardHelpers, WhatNoCommandAsksFor)
         pluginSymbol<int (*)(const char*, uint8_t*, int)>("Card_FILE_info");
     auto powerInfo =
         pluginSymbol<int (*)(const char*, uint8_t*, int)>("Card_POWER_info");
+    auto writeValues = pluginSymbol<int (*)(const uint8_t*, int, uint8_t)>(
+        "writevaluetohwmon");
     const std::string info = "/var/hwmon/hwmon41/boardinfo";
     const std::string saved = readFile(info);
 
@@ -32,6 +36,11 @@ TEST(CardHelpers, WhatNoCommandAsksFor)
     EXPECT_EQ(writeInfo(data, 4, 41, 2), 0);
     EXPECT_EQ(readFile(info), "");
     writeFile(info, saved);
+
+    const uint8_t reading[] = {0, 0x20, 0x00, 0x0C, 0xE4};
+    EXPECT_EQ(writeValues(reading, 5, 41), 0);
+    EXPECT_EQ(readFile("/var/hwmon/hwmon41/in1_input"), "3300\n");
+    unlink("/var/hwmon/hwmon41/in1_input");
 }
 
 } // namespace
