@@ -150,6 +150,15 @@ bool connectBus(const std::string& address, std::string& error)
     {
         rc = sd_bus_start(bus);
     }
+    // sd_bus_start leaves the authentication to the first use of the bus;
+    // the daemon closes a connection that is not authenticated within 30
+    // seconds, so a plug-in whose first call comes later would find it
+    // gone. Asking for the unique name waits until the bus is ready.
+    const char* unique = nullptr;
+    if (rc >= 0)
+    {
+        rc = sd_bus_get_unique_name(bus, &unique);
+    }
     if (rc < 0)
     {
         error = "cannot connect to D-Bus at " + address + ": " + strerror(-rc);

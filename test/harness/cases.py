@@ -428,16 +428,18 @@ class Host:
 
     def __init__(self, board, options=()):
         wrapper = shlex.split(os.environ.get("OEM_EXE_WRAPPER", ""))
-        try:  # coverage runs hand descriptor 9 (the real root) to every program
-            keep = (9,) if os.fstat(9) else ()
-        except OSError:
-            keep = ()
+        env = dict(os.environ, I2CSIM_LOG=TRANSFERS)
+        # scripts/coverage: the counts go out of the sandbox through
+        # descriptor 9, open on the real root.
+        keep = (9,) if "OEM_GCOV_PREFIX" in env else ()
+        if keep:
+            env["GCOV_PREFIX"] = env["OEM_GCOV_PREFIX"]
         self.options, self.out = tuple(options), b""
         self.process = subprocess.Popen(
             wrapper + [board.env["OEM_HOST"], "--root", board.root, "--bus", board.address,
                        *options, "--batch"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            pass_fds=keep, env=dict(os.environ, I2CSIM_LOG=TRANSFERS))
+            pass_fds=keep, env=env)
         for stream in (self.process.stdout, self.process.stderr):
             os.set_blocking(stream.fileno(), False)
 
