@@ -591,7 +591,8 @@ class Run:
         elif k == "i2c":
             self.i2c(words)
         elif k == "poke":
-            with open(board.path("/dev/mem"), "r+b") as f:
+            path, words = file_and_offset(words)
+            with open(board.path(path), "r+b") as f:
                 f.seek(int(words[0], 16))
                 f.write(bytes(byte_list(words[1:])))
         elif k == "tool":
@@ -637,12 +638,13 @@ class Run:
                 raise Failure(f"register {words[2]} of {words[1]} on bus {bus}: " +
                               ("none" if got is None else got.hex(" ")))
         elif k == "memory":
+            path, words = file_and_offset(words)
             expected = byte_list(words[1:], pattern=True)
-            with open(board.path("/dev/mem"), "rb") as f:
+            with open(board.path(path), "rb") as f:
                 f.seek(int(words[0], 16))
                 got = list(f.read(len(expected)))
             if not matches(expected, got):
-                raise Failure(f"memory at {words[0]} differs\n{diff(show(expected), show(got))}")
+                raise Failure(f"{path} at {words[0]} differs\n{diff(show(expected), show(got))}")
         elif k == "stderr":
             lines = self.stderr.splitlines()
             if step.rest == "nothing":
@@ -709,6 +711,14 @@ class Run:
         if not got or got[0] != cc or not matches(pattern, got[1:]):
             raise Failure("answer differs\n" + diff(show([cc] + pattern), show(got)) +
                           (f"\nstderr:\n{self.stderr}" if self.stderr else ""))
+
+
+def file_and_offset(words):
+    """The file of a poke or memory step (/dev/mem unless a path comes first)
+    and the rest of its words."""
+    if words and words[0].startswith("/"):
+        return words[0], words[1:]
+    return "/dev/mem", words
 
 
 def dbus_value(kind, text):
