@@ -32,7 +32,7 @@ CALLS = "/var/log/sim/dbus-calls.log"
 # Written by the bus processes themselves; never restored.
 UNTRACKED = ("/proc", "/run/dbus", "/var/log/sim/dbus-daemon.log",
              "/var/log/sim/bmc-dbus-sim.log")
-SANITIZER = re.compile(r"ERROR: (Address|Leak)Sanitizer|runtime error:")
+SANITIZER = re.compile(r"ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:")
 RAW = ("ran", "called", "stderr", "dbus-fail", "sh")  # take the line as it is
 
 
