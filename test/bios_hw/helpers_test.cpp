@@ -72,7 +72,8 @@ TEST(P2aHelpers, SetValueCveChangesOneBitAtMost)
         {2, 20, "devmem 0x1e6e2070 32 0xf10cc206"},
         {1, 32, "devmem 0x1e6e2070 32 0xf10cc206"},
         {0, -1, "devmem 0x1e6e2070 32 0xf10cc206"},
-        {0, 1, "devmem 0x1e6e2070 32 0xf10cc204"},
+        {0, 31, "devmem 0x1e6e2070 32 0x710cc206"},
+        {0, 1, "devmem 0x1e6e2070 32 0x710cc204"},
     };
     for (const auto& c : cases)
     {
