@@ -15,12 +15,14 @@ import collections
 import difflib
 import fcntl
 import fnmatch
+import itertools
 import os
 import re
 import select
 import shlex
 import shutil
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -29,11 +31,13 @@ import time
 TIMEOUT = 120  # seconds a request may take before the host counts as hung
 COMMANDS = "/var/log/sim/commands.log"
 CALLS = "/var/log/sim/dbus-calls.log"
+TRANSFERS = "/var/log/sim/i2c-transfers.log"  # the interposer's, through I2CSIM_LOG
+LOGS = {"ran": COMMANDS, "called": CALLS, "transferred": TRANSFERS}
 # Written by the bus processes themselves; never restored.
 UNTRACKED = ("/proc", "/run/dbus", "/var/log/sim/dbus-daemon.log",
-             "/var/log/sim/bmc-dbus-sim.log")
+             "/var/log/sim/bmc-dbus-sim.log", TRANSFERS)
 SANITIZER = re.compile(r"ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:")
-RAW = ("ran", "called", "stderr", "dbus-fail", "sh")  # take the line as it is
+RAW = ("ran", "called", "transferred", "stderr", "dbus-fail", "sh")  # the line as it is
 
 
 class Failure(Exception):
@@ -140,7 +144,7 @@ REQUEST = re.compile(r"(?:0x)?[0-9a-fA-F]{1,2}\s")
 
 
 def read_cases(path):
-    cases, defines = [], {}
+    cases, defines, lists = [], {}, {}
     with open(path, encoding="utf-8") as f:
         for number, line in enumerate(f, 1):
             text = line.strip()
@@ -154,13 +158,34 @@ def read_cases(path):
             if keyword == "define":
                 name, _, value = rest.strip().partition(" ")
                 defines[name] = value.strip()
+            elif keyword == "list":
+                name, _, item = rest.strip().partition(" ")
+                item = " ".join(tokens(item))
+                lists.setdefault(name, []).extend(
+                    lists[item[1:]] if item[:1] == "@" and item[1:] in lists else [item])
             elif keyword == "case":
                 cases.append(Case(path, number, rest.strip(), []))
             elif not cases:
                 raise Failure(f"{path}:{number}: {keyword} outside a case")
             else:
                 cases[-1].steps.append(Step(path, number, keyword, rest.strip()))
-    return cases
+    return [one for case in cases for one in each_item(case, lists)]
+
+
+def each_item(case, lists):
+    """A case that names lists (@NAME) once for every combination of their
+    items."""
+    text = "\n".join([case.name] + [step.rest for step in case.steps])
+    used = [name for name in lists if re.search(rf"@{name}\b", text)]
+    for items in itertools.product(*(lists[name] for name in used)):
+        def fill(text):
+            for name, item in zip(used, items):
+                text = re.sub(rf"@{name}\b", lambda _: item, text)
+            return text
+        title = fill(case.name) + "".join(
+            f" [{item}]" for name, item in zip(used, items) if "@" + name not in case.name)
+        yield Case(case.path, case.line, title,
+                   [step._replace(rest=fill(step.rest)) for step in case.steps])
 
 
 def request_of(step):
@@ -287,6 +312,29 @@ class Board:
         if self.dbus_changed:
             self.restart_dbus()
 
+    def changes(self, skip):
+        """Sandbox paths that differ from the start: "+PATH" new, "-PATH"
+        gone, "PATH" changed; those in skip, and what lies below them, are
+        not looked at."""
+        def skipped(inner):
+            return any(inner == s or inner.startswith(s.rstrip("/") + "/") for s in skip)
+
+        def same(inner, real):
+            mode, size, mtime, content = self.start[inner]
+            st = os.lstat(real)
+            if (st.st_mode, st.st_size, st.st_mtime_ns) == (mode, size, mtime):
+                return True
+            now = (os.readlink(real) if os.path.islink(real) else
+                   read_extents(real) if os.path.isfile(real) else None)
+            return stat.S_IFMT(st.st_mode) == stat.S_IFMT(mode) and now == content
+
+        out, seen = [], set()
+        for inner, real in self.walk():
+            seen.add(inner)
+            if not skipped(inner) and not (inner in self.start and same(inner, real)):
+                out.append(("" if inner in self.start else "+") + inner)
+        return out + ["-" + p for p in sorted(self.start) if p not in seen and not skipped(p)]
+
     def restart_dbus(self):
         """A fresh simulator, with the board's properties, on the same bus:
         the host keeps its connection."""
@@ -317,7 +365,7 @@ class Board:
 
     def control(self, method, signature, *args):
         result = subprocess.run(
-            ["busctl", f"--address={self.address}", "call", "bmcsim.Control", "/bmcsim",
+            ["busctl", f"--address={self.address}", "call", "--", "bmcsim.Control", "/bmcsim",
              "bmcsim.Control", method, signature, *args],
             capture_output=True, text=True, timeout=30)
         if result.returncode != 0:
@@ -382,7 +430,7 @@ class Host:
             wrapper + [board.env["OEM_HOST"], "--root", board.root, "--bus", board.address,
                        *options, "--batch"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            pass_fds=keep)
+            pass_fds=keep, env=dict(os.environ, I2CSIM_LOG=TRANSFERS))
         for stream in (self.process.stdout, self.process.stderr):
             os.set_blocking(stream.fileno(), False)
 
@@ -437,7 +485,7 @@ class Host:
 
 class Run:
     def __init__(self, board):
-        self.board, self.host, self.stderr, self.new = board, None, "", {}
+        self.board, self.host, self.stderr, self.new, self.output = board, None, "", {}, b""
 
     def case(self, case):
         """Runs a case; the failure message, or None."""
@@ -448,13 +496,14 @@ class Run:
             self.host.close()
             self.host = None
         self.host = self.host or Host(self.board, options)
-        self.new, self.stderr, step = {COMMANDS: [], CALLS: []}, "", None
+        self.new, self.stderr, step = {log: [] for log in LOGS.values()}, "", None
         try:
-            # Consecutive ran (called) steps list the lines of one request.
+            # Consecutive ran (called, transferred) steps list the lines of
+            # one request.
             for keyword, group in groupby(steps):
                 step = group[0]
-                if keyword in ("ran", "called"):
-                    got = self.new[COMMANDS if keyword == "ran" else CALLS]
+                if keyword in LOGS:
+                    got = self.new[LOGS[keyword]]
                     expected = [s.rest for s in group if s.rest != "nothing"]
                     if got != expected:
                         raise Failure(f"{keyword} lines differ\n{diff(expected, got)}")
@@ -475,20 +524,28 @@ class Run:
         return tokens(step.rest)
 
     # Set-up.
-    def do_request(self, step):
-        netfn, cmd, data, cc, pattern = request_of(step)
+    def logged(self, action):
+        """Runs action and keeps the log lines it added, for ran and
+        called."""
         sizes = {}
-        for log in (COMMANDS, CALLS):
+        for log in LOGS.values():
             real = self.board.path(log)
             sizes[log] = os.path.getsize(real) if os.path.exists(real) else 0
-        answer, self.stderr = self.host.request(netfn, cmd, data)
+        result = action()
         for log, size in sizes.items():
             real = self.board.path(log)
             with open(real if os.path.exists(real) else os.devnull, "rb") as f:
                 f.seek(size)
                 self.new[log] = f.read().decode(errors="replace").splitlines()
+        # The process id of a transfer differs from run to run.
+        self.new[TRANSFERS] = [re.sub(r" pid=\d+", "", l) for l in self.new[TRANSFERS]]
         if any(" org.freedesktop.DBus.Properties Set " in l for l in self.new[CALLS]):
             self.board.dbus_changed = True
+        return result
+
+    def do_request(self, step):
+        netfn, cmd, data, cc, pattern = request_of(step)
+        answer, self.stderr = self.logged(lambda: self.host.request(netfn, cmd, data))
         if SANITIZER.search(self.stderr):
             raise Failure("sanitizer report:\n" + self.stderr)
         got = [int(word, 16) for word in answer.split()]
@@ -568,7 +625,8 @@ class Run:
         command = ["chroot", self.board.root, "/bin/sh", "-c", step.rest]
         if os.geteuid() != 0:
             command = ["unshare", "-r"] + command
-        result = subprocess.run(command, capture_output=True, timeout=60)
+        result = self.logged(lambda: subprocess.run(command, capture_output=True, timeout=60))
+        self.output = result.stdout
         if result.returncode != 0:
             raise Failure(f"sh exited {result.returncode}: {result.stderr.decode()}")
 
@@ -580,6 +638,11 @@ class Run:
         if got is None or not matches(expected, got):
             raise Failure(f"{words[0]} differs\n" +
                           ("(missing)" if got is None else diff(show(expected), show(got))))
+
+    def do_output(self, step):
+        expected = byte_list(self.words(step), pattern=True)
+        if not matches(expected, list(self.output)):
+            raise Failure("output differs\n" + diff(show(expected), show(list(self.output))))
 
     def do_absent(self, step):
         if os.path.lexists(self.board.path(self.words(step)[0])):
@@ -614,6 +677,11 @@ class Run:
             ok = text in self.stderr
         if not ok:
             raise Failure(f"stderr does not hold {text!r}; stderr:\n{self.stderr}")
+
+    def do_unchanged(self, step):
+        changed = self.board.changes(self.words(step))
+        if changed:
+            raise Failure("the board changed: " + " ".join(changed))
 
     def do_property(self, step):
         service, path, interface, prop, kind, value = property_of(step)

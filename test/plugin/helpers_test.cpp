@@ -167,4 +167,13 @@ TEST(I2c, WritesAndLongBlockReads)
     }
 }
 
+// killall and ps in the sandbox must see only its own processes: the host
+// (here the test) is PID 1 of a namespace of its own.
+TEST(Sandbox, SeesOnlyItsOwnProcesses)
+{
+    EXPECT_EQ(getpid(), 1);
+    board::Run processes = board::run("ps -o pid= | wc -l");
+    EXPECT_LE(std::stoi(processes.output), 6) << board::run("ps").output;
+}
+
 } // namespace
