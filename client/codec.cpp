@@ -508,7 +508,7 @@ std::string valueText(const Value& v, const std::string& indent)
                     v.bytes.begin() + static_cast<long>(i),
                     v.bytes.begin() +
                         static_cast<long>(std::min(i + 16, v.bytes.size())));
-                char offset[16];
+                char offset[24];
                 snprintf(offset, sizeof(offset), "%04zx  ", i);
                 std::string hex = hexString(line);
                 hex.resize(48, ' ');
@@ -755,7 +755,8 @@ std::string formatText(const std::vector<Value>& values)
     {
         std::string name = v.field->name;
         name.resize(width, ' ');
-        out += name + " : " + valueText(v, std::string(width + 3, ' ')) + "\n";
+        std::string value = valueText(v, std::string(width + 3, ' '));
+        out += name + (value.starts_with('\n') ? " :" : " : ") + value + "\n";
     }
     return out;
 }

@@ -9,5 +9,5 @@ symbol = sys.argv[2]
 with open(sys.argv[3], "w") as out:
     out.write(f"extern const char {symbol}[];\nconst char {symbol}[] = {{\n")
     for i in range(0, len(data), 16):
-        out.write(", ".join(str(b) for b in data[i:i + 16]) + ",\n")
+        out.write(", ".join(str(b - 256 if b > 127 else b) for b in data[i:i + 16]) + ",\n")
     out.write("0};\n")

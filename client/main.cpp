@@ -219,6 +219,50 @@ int runHelp(const Description& d, const std::vector<std::string>& args)
     return 0;
 }
 
+// One exchange as JSON, and the failure it means (empty: none).
+nlohmann::ordered_json exchangeJson(const Description& d, const Command& c,
+                                    const Request& request, const Reply& reply,
+                                    std::string& failure, Decoded& decoded)
+{
+    failure.clear();
+    if (reply.cc != 0)
+    {
+        failure = d.codeMeaning(c, reply.cc);
+    }
+    else
+    {
+        decoded = decodeAnswer(c, request, reply.data);
+        failure = decoded.layout == nullptr
+                      ? "the answer (" + std::to_string(reply.data.size()) +
+                            " bytes) fits none of the command's layouts"
+                      : decoded.failure;
+    }
+    char id[8];
+    nlohmann::ordered_json j;
+    j["command"] = c.name;
+    snprintf(id, sizeof(id), "0x%02x", c.netfn);
+    j["netfn"] = id;
+    snprintf(id, sizeof(id), "0x%02x", c.cmd);
+    j["cmd"] = id;
+    j["request"] = hexString(request.data);
+    j["completion_code"] = reply.cc;
+    j["answer"] = hexString(reply.data);
+    if (decoded.layout != nullptr)
+    {
+        j["layout"] = decoded.layout - c.answer.data();
+    }
+    j["fields"] = formatJson(decoded.values);
+    if (!failure.empty())
+    {
+        j["failure"] = failure;
+    }
+    if (!decoded.note.empty())
+    {
+        j["note"] = decoded.note;
+    }
+    return j;
+}
+
 int runReference(const Description& d, const Options& o)
 {
     std::unique_ptr<Transport> transport;
@@ -226,7 +270,27 @@ int runReference(const Description& d, const Options& o)
     {
         transport = open(o.connection);
     }
-    fputs(referenceMarkdown(d, runExamples(d, transport.get())).c_str(), out);
+    auto runs = runExamples(d, transport.get());
+    if (!o.json)
+    {
+        fputs(referenceMarkdown(d, runs).c_str(), out);
+        return 0;
+    }
+    auto list = nlohmann::ordered_json::array();
+    for (const auto& c : d.commands)
+    {
+        for (const auto& run : runs[c.name])
+        {
+            std::string failure;
+            Decoded decoded;
+            auto j =
+                exchangeJson(d, c, run.request, run.reply.value_or(Reply{}),
+                             failure, decoded);
+            j["arguments"] = run.arguments;
+            list.push_back(j);
+        }
+    }
+    fprintf(out, "%s\n", list.dump(1).c_str());
     return 0;
 }
 
@@ -299,40 +363,9 @@ int runCommand(const Description& d, const Command& c, const Options& o)
 
     Decoded decoded;
     std::string failure;
-    if (reply.cc != 0)
-    {
-        failure = d.codeMeaning(c, reply.cc);
-    }
-    else
-    {
-        decoded = decodeAnswer(c, request, reply.data);
-        failure = decoded.layout == nullptr
-                      ? "the answer (" + std::to_string(reply.data.size()) +
-                            " bytes) fits none of the command's layouts"
-                      : decoded.failure;
-    }
-
+    auto j = exchangeJson(d, c, request, reply, failure, decoded);
     if (o.json)
     {
-        char id[8];
-        nlohmann::ordered_json j;
-        j["command"] = c.name;
-        snprintf(id, sizeof(id), "0x%02x", c.netfn);
-        j["netfn"] = id;
-        snprintf(id, sizeof(id), "0x%02x", c.cmd);
-        j["cmd"] = id;
-        j["request"] = hexString(request.data);
-        j["completion_code"] = reply.cc;
-        j["answer"] = hexString(reply.data);
-        j["fields"] = formatJson(decoded.values);
-        if (!failure.empty())
-        {
-            j["failure"] = failure;
-        }
-        if (!decoded.note.empty())
-        {
-            j["note"] = decoded.note;
-        }
         fprintf(out, "%s\n", j.dump(2).c_str());
     }
     else if (!failure.empty())

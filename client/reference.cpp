@@ -80,7 +80,24 @@ std::string numberName(const Field& f, uint64_t n)
     return f.hex ? hex2(n) : std::to_string(n);
 }
 
-std::string meaning(const Field& f)
+// "selector is 0", numbers written as the request field shows them.
+std::string conditionText(const Condition& c, const Command& command)
+{
+    const Field* subject = nullptr;
+    for (const auto& f : command.request)
+    {
+        subject = f.name == c.field ? &f : subject;
+    }
+    std::string values;
+    for (uint64_t n : c.values)
+    {
+        values += (values.empty() ? "" : " or ") +
+                  (subject && subject->hex ? hex2(n) : std::to_string(n));
+    }
+    return c.field + " is " + values;
+}
+
+std::string meaning(const Field& f, const Command& command)
 {
     std::vector<std::string> parts;
     if (!f.about.empty())
@@ -92,7 +109,7 @@ std::string meaning(const Field& f)
         std::string v;
         for (const auto& [n, name] : f.values)
         {
-            v += (v.empty() ? "" : "; ") + numberName(f, n) + " " + name;
+            v += (v.empty() ? "" : ", ") + numberName(f, n) + " = " + name;
         }
         parts.push_back(v);
     }
@@ -107,7 +124,9 @@ std::string meaning(const Field& f)
     }
     else if (!f.isNumber() && f.max)
     {
-        std::string unit = f.type == Type::bytes ? " bytes" : " characters";
+        std::string unit = f.type == Type::bytes     ? " bytes"
+                           : f.type == Type::records ? " records"
+                                                     : " characters";
         parts.push_back(f.min ? std::to_string(*f.min) + " to " +
                                     std::to_string(*f.max) + unit
                               : "at most " + std::to_string(*f.max) + unit);
@@ -127,16 +146,11 @@ std::string meaning(const Field& f)
         {
             ok += (ok.empty() ? "" : ", ") + numberName(f, n);
         }
-        parts.push_back("any value but " + ok + " means the command failed");
+        parts.push_back("any other value than " + ok + ": the command failed");
     }
     if (f.when)
     {
-        std::string values;
-        for (uint64_t n : f.when->values)
-        {
-            values += (values.empty() ? "" : " or ") + std::to_string(n);
-        }
-        parts.push_back("only when " + f.when->field + " is " + values);
+        parts.push_back("only when " + conditionText(*f.when, command));
     }
     if (f.optional)
     {
@@ -145,7 +159,7 @@ std::string meaning(const Field& f)
     std::string out;
     for (const auto& p : parts)
     {
-        out += (out.empty() ? "" : ". ") + p;
+        out += (out.empty() ? "" : "; ") + p;
     }
     return cell(out);
 }
@@ -170,7 +184,8 @@ bool overlap(const Field& before, const Field& f)
 
 // Byte positions: a field starts after the earlier ones that are sent with
 // it; after one of variable width the positions are no longer fixed.
-std::string fieldTable(const std::vector<Field>& fields, std::string& records)
+std::string fieldTable(const std::vector<Field>& fields, std::string& records,
+                       const Command& command)
 {
     std::string out = "| Byte | Field | Type | Meaning |\n|---|---|---|---|\n";
     for (size_t i = 0; i < fields.size(); ++i)
@@ -200,25 +215,15 @@ std::string fieldTable(const std::vector<Field>& fields, std::string& records)
             }
         }
         out += "| " + at + " | " + f.name + " | " + cell(typeText(f)) + " | " +
-               meaning(f) + " |\n";
+               meaning(f, command) + " |\n";
         if (f.type == Type::records)
         {
             records += "\nEach record of " + f.name + " (" +
                        std::to_string(f.recordWidth()) + " bytes):\n\n" +
-                       fieldTable(f.record, records);
+                       fieldTable(f.record, records, command);
         }
     }
     return out;
-}
-
-std::string conditionText(const Condition& c)
-{
-    std::string values;
-    for (uint64_t n : c.values)
-    {
-        values += (values.empty() ? "" : " or ") + std::to_string(n);
-    }
-    return c.field + " is " + values;
 }
 
 std::string ipmitoolLine(const Command& c, const Request& r)
@@ -290,7 +295,7 @@ std::string exampleText(const Description& d, const Command& c,
     for (size_t start = 0; start < bytes.size();)
     {
         size_t end = bytes.find('\n', start);
-        out += "   " + bytes.substr(start, end - start) + "\n";
+        out += "    " + bytes.substr(start, end - start) + "\n";
         start = end + 1;
     }
     return out;
@@ -362,13 +367,14 @@ std::string commandSection(const Description& d, const Command& c,
     }
     else
     {
-        out += "Request:\n\n" + fieldTable(c.request, records) + records + "\n";
+        out +=
+            "Request:\n\n" + fieldTable(c.request, records, c) + records + "\n";
     }
     for (const auto& layout : c.answer)
     {
         records.clear();
         std::string when =
-            layout.when ? " when " + conditionText(*layout.when) : "";
+            layout.when ? " when " + conditionText(*layout.when, c) : "";
         if (layout.match)
         {
             out += "Answer `" + hexString(*layout.match) + "`" + when + ": " +
@@ -385,7 +391,8 @@ std::string commandSection(const Description& d, const Command& c,
         size_t length = layout.minimumLength();
         out += "Answer" + when + " (" + (layout.variable() ? "at least " : "") +
                std::to_string(length) + (length == 1 ? " byte" : " bytes") +
-               "):\n\n" + fieldTable(layout.fields, records) + records + "\n";
+               "):\n\n" + fieldTable(layout.fields, records, c) + records +
+               "\n";
     }
     if (!c.codes.empty())
     {
