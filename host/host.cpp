@@ -150,6 +150,15 @@ bool connectBus(const std::string& address, std::string& error)
     {
         rc = sd_bus_start(bus);
     }
+    if (rc >= 0)
+    {
+        // Finish authenticating now: sd_bus_start only begins it, and the
+        // bus daemon drops a connection still unauthenticated after 30 s,
+        // which a simulator idle that long before its first D-Bus request
+        // would otherwise find closed.
+        const char* unique = nullptr;
+        rc = sd_bus_get_unique_name(bus, &unique);
+    }
     if (rc < 0)
     {
         error = "cannot connect to D-Bus at " + address + ": " + strerror(-rc);
