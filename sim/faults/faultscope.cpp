@@ -21,7 +21,7 @@
 
 enum
 {
-    maxPoints = 8,
+    maxPoints = 32,
     maxFrames = 64
 };
 
@@ -35,6 +35,9 @@ struct point
 static struct point points[maxPoints];
 static int pointCount;
 
+// Whether the plug-in made the call: a frame of the plug-in is on the
+// stack, and the simulated I2C bus (which the plug-in reaches through
+// ioctl) is not the one calling.
 static int fromPlugin(void)
 {
     void* frames[maxFrames];
@@ -42,8 +45,15 @@ static int fromPlugin(void)
     for (int i = 1; i < n; ++i)
     {
         Dl_info info;
-        if (dladdr(frames[i], &info) != 0 && info.dli_fname != NULL &&
-            strstr(info.dli_fname, "libipmioem") != NULL)
+        if (dladdr(frames[i], &info) == 0 || info.dli_fname == NULL)
+        {
+            continue;
+        }
+        if (strstr(info.dli_fname, "libi2csim") != NULL)
+        {
+            return 0;
+        }
+        if (strstr(info.dli_fname, "libipmioem") != NULL)
         {
             return 1;
         }
