@@ -13,10 +13,10 @@
 
 #include "access/remote.hpp"
 
-#include "oem/wire.hpp"
 #include "oem/dbus.hpp"
 #include "oem/handler.hpp"
 #include "oem/utils.hpp"
+#include "oem/wire.hpp"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -315,7 +315,9 @@ ipmi_ret_t ipmi_vel_oem_set_ssh_status(ipmi_netfn_t, ipmi_cmd_t,
         runShell("dptssh=`iptables -L -n --line-number | grep DROP | grep "
                  "dpt:22 | awk -F' ' '{print $1}'` && iptables -D INPUT "
                  "$dptssh");
-        runShell("echo 'false' > /etc/ssh_forbid.conf");
+        // What "echo 'false' > FILE" would leave, written whole: the
+        // redirect empties the flag before it writes.
+        oem::replaceFile("/etc/ssh_forbid.conf", "false\n");
     }
     else
     {
@@ -327,8 +329,11 @@ ipmi_ret_t ipmi_vel_oem_set_ssh_status(ipmi_netfn_t, ipmi_cmd_t,
         {
             fprintf(stderr, "%s set disable ssh login\n ", __func__);
             runShell("iptables -A INPUT -p tcp --dport 22 -j DROP");
-            runShell("echo 'ture' > /etc/ssh_forbid.conf");
-            runShell("rm /run/ssh_login.conf &");
+            if (oem::replaceFile("/etc/ssh_forbid.conf", "ture\n") ==
+                oem::WriteResult::done)
+            {
+                runShell("rm /run/ssh_login.conf &");
+            }
         }
     }
     return reply(response, data_len, {0});
@@ -479,10 +484,8 @@ ipmi_ret_t ipmi_vel_oem_set_default_user(ipmi_netfn_t, ipmi_cmd_t,
         fprintf(stderr, "%s: not a user name: refused\n", __func__);
         return invalidField(data_len);
     }
-    char command[64];
-    snprintf(command, sizeof(command), "echo %s > /etc/default/obmc/user",
-             name.c_str());
-    runShell(command);
+    // What "echo NAME > FILE" would leave, written whole.
+    oem::replaceFile("/etc/default/obmc/user", name + "\n");
     return reply(response, data_len, {0});
 }
 

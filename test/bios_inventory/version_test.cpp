@@ -260,6 +260,20 @@ TEST_F(BiosVersion, FailsWhenAFileCannotBeWrittenWithTheInventoryCleared)
     }
 }
 
+// regression: a version the EEPROM could not record was answered as
+// recorded
+TEST_F(BiosVersion, FailsWhenTheEepromCannotRecordIt)
+{
+    ASSERT_EQ(truncate(eepromFile, 0x1010), 0);
+    testing::internal::CaptureStdout();
+    auto answer = call(0x3A, 0x20, shortForm("1.0"));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(answer.data, Bytes{0x01});
+    EXPECT_EQ(readFile(versionFile), "1.0\n");
+    // The host firmware updater is not told of a version half recorded.
+    EXPECT_EQ(loggedCommands(), "clean_fruid.sh \nclean_fruid.sh \n");
+}
+
 TEST(BiosVersionGet, AnswersTheFirstLineWithoutItsLastCharacter)
 {
     struct Case

@@ -280,6 +280,24 @@ TEST_F(FactoryTest, EepromTestLeavesAGoodPartAsItWas)
     EXPECT_EQ(board::commandLog(), Lines{});
 }
 
+// regression: a reset during the test left the test pattern in a live
+// block, and the next test took the pattern for the block's contents
+TEST_F(FactoryTest, EepromTestPutsBackABlockAResetLeftUnderTest)
+{
+    std::string image = eeprom;
+    std::string block = image.substr(0x280, 128);
+    for (size_t i = 0; i < 128; ++i)
+    {
+        image[0x280 + i] = static_cast<char>(i % 2 == 0 ? 0x55 : 0xAA);
+    }
+    writeFile(eepromFile, image);
+    writeFile(std::string(eepromFile) + "_testblock", "640\n" + block);
+    auto answer = call(0x3A, 0x79);
+    EXPECT_EQ(answer.data, Bytes{0});
+    EXPECT_TRUE(readFile(eepromFile) == eeprom);
+    EXPECT_EQ(readFile(std::string(eepromFile) + "_testblock"), "<missing>");
+}
+
 TEST_F(FactoryTest, EepromTestOfAMissingPartAnswers0xFF)
 {
     unlink(eepromFile);
