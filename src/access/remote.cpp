@@ -13,10 +13,10 @@
 
 #include "access/remote.hpp"
 
-#include "oem/wire.hpp"
 #include "oem/dbus.hpp"
 #include "oem/handler.hpp"
 #include "oem/utils.hpp"
+#include "oem/wire.hpp"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -31,6 +31,7 @@
 
 using oem::wire::reply;
 using oem::wire::requestByte;
+using oem::wire::requestText;
 
 namespace
 {
@@ -127,14 +128,6 @@ bool appendLine(const char* path, const std::string& entry)
         ok = false;
     }
     return ok;
-}
-
-// The request as a zero-terminated text: its bytes up to the first zero
-// byte, or all of them when there is none; never reads past length.
-std::string requestText(const void* request, uint32_t length)
-{
-    const char* text = static_cast<const char*>(request);
-    return std::string(text, strnlen(text, length));
 }
 
 // The settings service's value for a restriction-mode byte, or nothing
