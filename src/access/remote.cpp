@@ -158,7 +158,7 @@ namespace oem::access
 
 bool validUserName(std::string_view name)
 {
-    if (name.empty() || name.size() > maxUserNameLength)
+    if (name.empty())
     {
         return false;
     }
@@ -465,16 +465,21 @@ ipmi_ret_t ipmi_vel_oem_set_default_user(ipmi_netfn_t, ipmi_cmd_t,
                                          ipmi_context_t)
 {
     std::string name = requestText(request, *data_len);
-    // The name stands unquoted on the command line: only plain names pass,
-    // and they are short enough that the command is never cut.
+    // The name stands unquoted on the command line: only plain names pass.
     if (!validUserName(name))
     {
         fprintf(stderr, "%s: not a user name: refused\n", __func__);
         return invalidField(data_len);
     }
+    // The line must fit whole: a cut line would write somewhere else.
     char command[64];
-    snprintf(command, sizeof(command), "echo %s > /etc/default/obmc/user",
-             name.c_str());
+    int length = snprintf(command, sizeof(command),
+                          "echo %s > /etc/default/obmc/user", name.c_str());
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(command))
+    {
+        fprintf(stderr, "%s: user name too long: refused\n", __func__);
+        return invalidField(data_len);
+    }
     runShell(command);
     return reply(response, data_len, {0});
 }
