@@ -91,14 +91,12 @@ Answer dispatch(ipmi_netfn_t netfn, ipmi_cmd_t cmd, const uint8_t* request,
         return {IPMI_CC_REQ_DATA_LEN_INVALID, {}};
     }
 
-    // Exactly sized heap buffers, so that AddressSanitizer sees a handler
-    // that reads or writes past either of them.
-    std::vector<uint8_t> in(IPMID_REQUEST_CAPACITY, 0);
+    // As the daemon passes them: the request is a heap buffer of exactly
+    // its length (no buffer at all when it is empty), so that
+    // AddressSanitizer sees a handler that reads past it; the response is
+    // zero-filled and exactly as large as the daemon's.
+    std::vector<uint8_t> in(request, request + length);
     std::vector<uint8_t> out(IPMID_RESPONSE_CAPACITY, 0);
-    if (length > 0)
-    {
-        memcpy(in.data(), request, length);
-    }
     uint32_t dataLen = static_cast<uint32_t>(length);
     uint8_t cc = IPMI_CC_UNSPECIFIED_ERROR;
     try

@@ -31,6 +31,7 @@
 
 using oem::wire::reply;
 using oem::wire::requestByte;
+using oem::wire::requestText;
 
 namespace
 {
@@ -129,14 +130,6 @@ bool appendLine(const char* path, const std::string& entry)
     return ok;
 }
 
-// The request as a zero-terminated text: its bytes up to the first zero
-// byte, or all of them when there is none; never reads past length.
-std::string requestText(const void* request, uint32_t length)
-{
-    const char* text = static_cast<const char*>(request);
-    return std::string(text, strnlen(text, length));
-}
-
 // The settings service's value for a restriction-mode byte, or nothing
 // for a byte above 5.
 std::optional<std::string> restrictionModeValue(uint8_t mode)
@@ -165,7 +158,7 @@ namespace oem::access
 
 bool validUserName(std::string_view name)
 {
-    if (name.empty() || name.size() > maxUserNameLength)
+    if (name.empty())
     {
         return false;
     }
@@ -477,14 +470,23 @@ ipmi_ret_t ipmi_vel_oem_set_default_user(ipmi_netfn_t, ipmi_cmd_t,
                                          ipmi_context_t)
 {
     std::string name = requestText(request, *data_len);
-    // The name stands unquoted on the command line: only plain names pass,
-    // and they are short enough that the command is never cut.
+    // The name stands unquoted on the command line: only plain names pass.
     if (!validUserName(name))
     {
         fprintf(stderr, "%s: not a user name: refused\n", __func__);
         return invalidField(data_len);
     }
-    // What "echo NAME > FILE" would leave, written whole.
+    // The name is what "echo NAME > /etc/default/obmc/user" in a 64-byte
+    // line would store: a name whose line would be cut is refused, as a cut
+    // line would write somewhere else. The file is written whole.
+    char command[64];
+    int length = snprintf(command, sizeof(command),
+                          "echo %s > /etc/default/obmc/user", name.c_str());
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(command))
+    {
+        fprintf(stderr, "%s: user name too long: refused\n", __func__);
+        return invalidField(data_len);
+    }
     oem::replaceFile("/etc/default/obmc/user", name + "\n");
     return reply(response, data_len, {0});
 }

@@ -585,7 +585,9 @@ ipmi_ret_t ipmi_vel_oem_set_middCard_info(ipmi_netfn_t, ipmi_cmd_t,
     uint32_t requestLength = *data_len;
     uint8_t card = requestByte(request, requestLength, 0);
     uint8_t sub = requestByte(request, requestLength, 1);
-    const uint8_t* data = static_cast<const uint8_t*>(request) + 3;
+    // The records after the three header bytes; none in a shorter request.
+    const uint8_t* data =
+        requestLength > 3 ? static_cast<const uint8_t*>(request) + 3 : nullptr;
     int dataLength =
         requestLength > 3
             ? static_cast<int>(std::min<uint32_t>(requestLength - 3, INT_MAX))

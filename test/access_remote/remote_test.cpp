@@ -503,7 +503,10 @@ TEST_F(DefaultUser, SetWritesAPlainName)
         {"operator"s, 0x00, {0}, "operator\n"},
         {"svc_ipmi-2.x\0trailing"s, 0x00, {0}, "svc_ipmi-2.x\n"},
         {"abcdefghijklmnop\0"s, 0x00, {0}, "abcdefghijklmnop\n"},
-        {"abcdefghijklmnopq\0"s, 0xCC, {}, "admin\n"},
+        // regression: names over 16 characters were refused though their
+        // "echo NAME > /etc/default/obmc/user" line fits its 64 bytes
+        {std::string(33, 'u') + '\0', 0x00, {0}, std::string(33, 'u') + '\n'},
+        {std::string(34, 'u') + '\0', 0xCC, {}, "admin\n"},
         {"\0"s, 0xCC, {}, "admin\n"},
         {""s, 0xCC, {}, "admin\n"},
         {"9lives\0"s, 0xCC, {}, "admin\n"},

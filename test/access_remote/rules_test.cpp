@@ -28,7 +28,7 @@ TEST(RequestChecks, AcceptOnlyPlainNamesAndAddresses)
         {user, "_svc", true},
         {user, "ops-admin.2", true},
         {user, "abcdefghijklmnop", true},
-        {user, "abcdefghijklmnopq", false},
+        {user, "abcdefghijklmnopq", true},
         {user, "", false},
         {user, "1admin", false},
         {user, "-n", false},

@@ -77,7 +77,8 @@ TEST(P2aSwitch, SetChangesTheBridgeAndItsSecurityBits)
          {0x00000000, 0x00000040, 0xF11CC206, 0},
          {0x01, 0xA7},
          0x00,
-         {0x01},
+         // regression: a successful set P2A switch echoed request byte 0
+         {0x00},
          {0x00000002, 0x00000040, 0xF11CC206, 0x00100000},
          {"devmem 0x1e6e2180", "devmem 0x1e6e2180 32 0x2", "devmem 0x1e6e207c",
           "devmem 0x1e6e207c 32 0x100000"}},

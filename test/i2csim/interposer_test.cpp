@@ -311,6 +311,20 @@ TEST_F(Interposer, SmbusGoesToTheAddressSetOnThisDescriptor)
               ENXIO);
 }
 
+// regression: a plain I2C_SLAVE reached a device bound to a kernel driver,
+// which i2c-dev refuses with EBUSY; only I2C_SLAVE_FORCE addresses it
+TEST_F(Interposer, BoundDeviceTakesOnlyTheForcedAddress)
+{
+    describe("device 0x58 bound\nreg 0x02 15\n");
+    EXPECT_EQ(setAddress(0x58).err, EBUSY);
+    i2c_smbus_data data{};
+    EXPECT_EQ(smbus(I2C_SMBUS_READ, 0x02, I2C_SMBUS_BYTE_DATA, &data).err,
+              ENXIO);
+    ASSERT_EQ(ioctl(fd, I2C_SLAVE_FORCE, 0x58), 0);
+    ASSERT_EQ(smbus(I2C_SMBUS_READ, 0x02, I2C_SMBUS_BYTE_DATA, &data).ret, 0);
+    EXPECT_EQ(data.byte, 0x15);
+}
+
 TEST_F(Interposer, MalformedDescriptionFailsWithEioAndSaysWhereOnce)
 {
     describe("device 0x23\nreg 0x02 15\nregister 0x03 00\n");

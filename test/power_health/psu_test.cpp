@@ -6,6 +6,12 @@
 #include "board.hpp"
 #include "plugin.hpp"
 
+#include <fcntl.h>
+#include <linux/i2c-dev.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -193,6 +199,18 @@ TEST(PsuInfo, RecordLayout)
                   c.expected)
             << c.what;
     }
+}
+
+// regression: the simulated supplies took a plain I2C_SLAVE, which a BMC
+// refuses for a supply its PMBus driver holds; 0x58 must answer regardless
+TEST(PsuInfo, AnswersForSuppliesHeldByTheirDriver)
+{
+    EXPECT_EQ(call(0x3A, 0x58, {0x01}).data.size(), 221u);
+    int fd = open(busFile, O_RDWR);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(ioctl(fd, I2C_SLAVE, 0x59), -1);
+    EXPECT_EQ(errno, EBUSY);
+    close(fd);
 }
 
 TEST(PsuInfo, SelectorsPositionsAndFailures)

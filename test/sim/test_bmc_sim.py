@@ -84,6 +84,10 @@ class SimulatedBmc(unittest.TestCase):
             self.assertEqual(lan.stdout, local.stdout, request)
             if lan.returncode != 0:
                 self.assertIn(local.stderr.splitlines()[-1], lan.stderr, request)
+        # regression: raw --root on a running simulator's root stopped its bus
+        raw = self.sim("raw", "--root", self.root, "0x3a", "0x76")
+        self.assertEqual((raw.returncode, raw.stdout), (0, " 00\n"), raw.stderr)
+        self.assertEqual(self.ipmitool("0x3a", "0x76").stdout, " 00\n")
 
     def test_a_second_simulator_on_a_busy_port_fails_cleanly(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as busy:

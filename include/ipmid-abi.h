@@ -57,12 +57,16 @@ enum
 };
 
 /*
- * Buffers as the daemon hands them to a legacy handler: the response buffer
- * has room for IPMID_RESPONSE_CAPACITY bytes and the daemon keeps exactly as
- * many bytes as the handler stores in *data_len. Our host also passes the
- * request in a buffer of IPMID_REQUEST_CAPACITY bytes, zero-filled past the
- * request, so that a handler reading a fixed number of request bytes reads
- * zeros rather than foreign memory.
+ * Buffers as the daemon hands them to a legacy handler: the request is
+ * exactly the request's bytes (the data of a byte vector of that size, so
+ * no readable byte at all for an empty request), and *data_len holds its
+ * length on entry. A handler must read request bytes only below that
+ * length: past it lies foreign heap memory. The response buffer has room
+ * for IPMID_RESPONSE_CAPACITY bytes, zero-filled, and the daemon keeps
+ * exactly as many bytes as the handler stores in *data_len (it does not
+ * reset the length, so a handler that leaves it alone answers
+ * request-length zeros). Our host passes requests the same way and refuses
+ * one longer than IPMID_REQUEST_CAPACITY bytes with 0xC7.
  */
 #define IPMID_RESPONSE_CAPACITY 65536u
 #define IPMID_REQUEST_CAPACITY 65536u
