@@ -150,6 +150,15 @@ bool connectBus(const std::string& address, std::string& error)
     {
         rc = sd_bus_start(bus);
     }
+    // sd_bus_start() only begins the handshake, which goes on as the bus is
+    // processed; the daemon's event loop finishes it at once. Ours would
+    // not before the provider's first call, and a bus daemon drops a
+    // connection that has not authenticated in time (30 s by default).
+    const char* unique = nullptr;
+    if (rc >= 0)
+    {
+        rc = sd_bus_get_unique_name(bus, &unique);
+    }
     if (rc < 0)
     {
         error = "cannot connect to D-Bus at " + address + ": " + strerror(-rc);
