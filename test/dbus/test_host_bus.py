@@ -9,6 +9,7 @@ import os
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 
 HOST = os.environ["OEM_HOST"]
@@ -70,6 +71,26 @@ class SimulatedBus(unittest.TestCase):
             f'Get "{MODE}" "RestrictionMode"',
         ])
         self.assertEqual(len(record), 2 + 1 + 7)
+
+    def test_the_host_joins_the_bus_before_its_first_request(self):
+        # Bug: the handshake waited for the first call, and the bus daemon
+        # dropped a host idle past its authentication time-out (30 s).
+        address = self.start()
+        host = subprocess.Popen([HOST, "--plugin", PROVIDER, "--bus", address, "--root",
+                                 self.root, "--batch"], stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        try:
+            for _ in range(600):
+                listed = run("busctl", f"--address={address}", "list", "--unique", "--no-legend")
+                if " ipmi-oem-host " in listed.stdout:
+                    break
+                time.sleep(0.1)
+            self.assertIn(" ipmi-oem-host ", listed.stdout)
+            answer, _ = host.communicate("0x3a 0x76\n", timeout=60)
+            self.assertEqual(answer, "00 4e 6f 6e 65\n")
+        finally:
+            host.kill()
+            host.wait()
 
     def test_an_injected_error_reaches_the_provider(self):
         address = self.start()
