@@ -56,9 +56,11 @@ extern "C" ipmi_ret_t benchNoop(ipmi_netfn_t, ipmi_cmd_t, ipmi_request_t,
     return 0;
 }
 
+// An empty request, passed as the daemon passes one: no request bytes at
+// all.
 struct Call
 {
-    std::vector<uint8_t> request = std::vector<uint8_t>(64, 0);
+    std::vector<uint8_t> request;
     std::vector<uint8_t> response =
         std::vector<uint8_t>(IPMID_RESPONSE_CAPACITY, 0);
     uint32_t length = 0;

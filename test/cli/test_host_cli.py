@@ -9,6 +9,7 @@ import re
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 
 HOST = os.environ["OEM_HOST"]
@@ -96,6 +97,12 @@ class Host(unittest.TestCase):
         self.assertEqual(result.returncode, 1)
         self.assertIn("handler of netfn 0x3a cmd 0x03 threw: asked to throw", result.stderr)
         self.assertIn("returned 65537 bytes, more than the 65536-byte capacity", result.stderr)
+        # regression: requests came in a zero-filled 64 KiB buffer, so a read
+        # past the request went unseen (checked where AddressSanitizer can see)
+        for request in ["0x3a 0x07", "0x3a 0x07 1 2 3"]:
+            result = host("raw", *request.split(), plugin=ECHO)
+            if result.returncode == 0 or "rsp=0xc1" not in result.stderr:
+                self.assertEqual((result.returncode, result.stdout), (0, " 01\n"), request)
 
 
 class Sandbox(unittest.TestCase):
@@ -122,6 +129,27 @@ class Sandbox(unittest.TestCase):
         result = host("--bus", address, "raw", "0x3a", "0x01")
         self.assertEqual(result.returncode, 1)
         self.assertIn("cannot connect to D-Bus", result.stderr)
+
+    def test_the_host_joins_the_bus_before_its_first_request(self):
+        # Bug: the handshake waited for the first call, and the bus daemon
+        # dropped a host idle past its authentication time-out (30 s).
+        address = subprocess.run([START_SIM_BUS, self.root], capture_output=True, text=True,
+                                 check=True).stdout.strip()
+        started = subprocess.Popen([HOST, "--plugin", PLUGIN, "--root", self.root, "--bus",
+                                    address, "--batch"], stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        try:
+            for _ in range(600):
+                listed = subprocess.run(["busctl", f"--address={address}", "list", "--unique",
+                                         "--no-legend"], capture_output=True, text=True)
+                if " ipmi-oem-host " in listed.stdout:
+                    break
+                time.sleep(0.1)
+            self.assertIn(" ipmi-oem-host ", listed.stdout)
+            self.assertEqual(started.communicate("0x3a 0x76\n", timeout=60)[0], "00 00\n")
+        finally:
+            started.kill()
+            started.wait()
 
     def test_a_broken_board_description_fails_the_start(self):
         with open(self.root + "/var/sim/dbus/objects.conf", "a") as f:

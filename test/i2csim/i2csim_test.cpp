@@ -38,8 +38,9 @@ TEST(BusFile, GrammarGivesCanonicalTextOrNamesTheBadLine)
     const Case cases[] = {
         {"# bus 10\r\ndevice 0x23 # cpld\nreg 39 FF\n\treg 02 0x15\ndevice 22",
          "device 0x22\n\ndevice 0x23\nreg 0x02 15\nreg 0x39 ff\n", 0},
-        {"device 58 maxread=4 ptr=0a fail=2 noanswer\ndevice 59 fail=0 ptr=0",
-         "device 0x58 noanswer fail=2 maxread=4 ptr=0x0a\n\ndevice 0x59\n", 0},
+        {"device 58 maxread=4 ptr=0a bound fail=2 noanswer\ndevice 59 fail=0 ptr=0",
+         "device 0x58 noanswer bound fail=2 maxread=4 ptr=0x0a\n\ndevice 0x59\n",
+         0},
         {"device 58\nreg 9a \"\\x05A#\\\\\\\"\" 00\nreg 10 \"A\"\nblock 20\n"
          "block 21 7f\n",
          "device 0x58\nreg 0x10 41\nblock 0x20\nblock 0x21 7f\n"
@@ -246,6 +247,22 @@ TEST_F(Bus, SmbusActsLikeI2cDevAtTheAddressOfThisDescriptor)
     ASSERT_EQ(smbus(I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_BYTE, nullptr).first, 0);
     EXPECT_NE(content().find("device 0x58 maxread=6 ptr=0x20\n"),
               std::string::npos);
+}
+
+// regression: a plain I2C_SLAVE reached a device bound to a kernel driver,
+// which i2c-dev refuses with EBUSY; only I2C_SLAVE_FORCE addresses it
+TEST_F(Bus, BoundDeviceTakesOnlyTheForcedAddress)
+{
+    describe("device 0x58 bound\nreg 0x02 15\n");
+    errno = 0;
+    EXPECT_EQ(ioctl(fd, I2C_SLAVE, 0x58), -1);
+    EXPECT_EQ(errno, EBUSY);
+    i2c_smbus_data data{};
+    EXPECT_EQ(smbus(I2C_SMBUS_READ, 0x02, I2C_SMBUS_BYTE_DATA, &data).second,
+              ENXIO);
+    ASSERT_EQ(ioctl(fd, I2C_SLAVE_FORCE, 0x58), 0);
+    ASSERT_EQ(smbus(I2C_SMBUS_READ, 0x02, I2C_SMBUS_BYTE_DATA, &data).first, 0);
+    EXPECT_EQ(data.byte, 0x15);
 }
 
 TEST_F(Bus, MalformedFileFailsWithEioAndSaysWhereOnce)

@@ -59,6 +59,10 @@ class SimulatedBmc(unittest.TestCase):
             self.assertEqual((lan.returncode, lan.stdout), (local.returncode, local.stdout))
             if lan.returncode != 0:
                 self.assertIn(local.stderr.splitlines()[-1], lan.stderr, request)
+        # regression: raw --root on a running simulator's root stopped its bus
+        raw = self.sim("raw", "--root", self.root, "0x3a", "0x76")
+        self.assertEqual((raw.returncode, raw.stdout), (0, " 00\n"), raw.stderr)
+        self.assertEqual(self.ipmitool("0x3a", "0x76").stdout, " 00\n")
 
         self.assertEqual(self.sim("down").returncode, 0)
         self.assertEqual(self.sim("status").returncode, 1)

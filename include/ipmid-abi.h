@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * The C ABI through which the BMC's IPMI host daemon and an OEM command
- * provider meet. The daemon exports the two functions below; a provider
- * resolves them when the daemon opens it (dlopen with RTLD_NOW) and calls
- * ipmi_register_callback from its static initializer.
+ * The ABI through which the BMC's IPMI host daemon and an OEM command
+ * provider meet. The daemon exports the two functions declared at the end;
+ * a provider resolves them when the daemon opens it (dlopen with RTLD_NOW)
+ * and calls ipmi_register_callback from its static initializer.
  *
  * Our host (libipmioemhost) implements the same ABI so that the provider can
  * be loaded unchanged on any Linux machine.
@@ -57,22 +57,19 @@ enum
 };
 
 /*
- * Buffers as the daemon hands them to a legacy handler: the response buffer
- * has room for IPMID_RESPONSE_CAPACITY bytes and the daemon keeps exactly as
- * many bytes as the handler stores in *data_len. Our host also passes the
- * request in a buffer of IPMID_REQUEST_CAPACITY bytes, zero-filled past the
- * request, so that a handler reading a fixed number of request bytes reads
- * zeros rather than foreign memory.
+ * Buffers as the daemon hands them to a legacy handler: the request is
+ * exactly the request's bytes (the data of a byte vector of that size, so
+ * no readable byte at all for an empty request), and *data_len holds its
+ * length on entry. A handler must read request bytes only below that
+ * length: past it lies foreign heap memory. The response buffer has room
+ * for IPMID_RESPONSE_CAPACITY bytes, zero-filled, and the daemon keeps
+ * exactly as many bytes as the handler stores in *data_len (it does not
+ * reset the length, so a handler that leaves it alone answers
+ * request-length zeros). Our host passes requests the same way and refuses
+ * one longer than IPMID_REQUEST_CAPACITY bytes with 0xC7.
  */
 #define IPMID_RESPONSE_CAPACITY 65536u
 #define IPMID_REQUEST_CAPACITY 65536u
-
-void ipmi_register_callback(ipmi_netfn_t netfn, ipmi_cmd_t cmd,
-                            ipmi_context_t context, ipmid_callback_t handler,
-                            enum CommandPrivilege priv);
-
-/* The daemon's own D-Bus connection; may be NULL. */
-sd_bus* ipmid_get_sd_bus_connection(void);
 
 /* One property the daemon reads for a sensor. */
 struct ipmid_sensor_property
@@ -105,4 +102,33 @@ const struct ipmid_sensor_info* ipmid_sensor_table(size_t* count);
 
 #ifdef __cplusplus
 }
+#endif
+
+#ifdef __cplusplus
+/*
+ * The daemon defines its two functions in C++, without extern "C", so the
+ * loader matches them by their mangled names, which spell out the
+ * parameter types. The daemon's handler length is a size_t*: on the BMC
+ * (32-bit ARM) that is unsigned int, the same type as our uint32_t, and
+ * the names agree. Where size_t is 64 bits wide, the daemon's name has
+ * unsigned long* in it, so the declaration takes that name explicitly:
+ * that is what lets the provider load into the daemon built on a 64-bit
+ * development machine. There the daemon presets all 8 bytes of the length
+ * and keeps what the handler stores in the low 4, which holds on
+ * little-endian machines only.
+ */
+#if SIZE_MAX > UINT32_MAX
+#define IPMID_REGISTER_CALLBACK_NAME                                           \
+    __asm__("_Z22ipmi_register_callbackhhPvPFhhhS_S_PmS_E16CommandPrivilege")
+#else
+#define IPMID_REGISTER_CALLBACK_NAME
+#endif
+
+void ipmi_register_callback(ipmi_netfn_t netfn, ipmi_cmd_t cmd,
+                            ipmi_context_t context, ipmid_callback_t handler,
+                            enum CommandPrivilege priv)
+    IPMID_REGISTER_CALLBACK_NAME;
+
+/* The daemon's own D-Bus connection; may be NULL. */
+sd_bus* ipmid_get_sd_bus_connection(void);
 #endif
