@@ -90,7 +90,8 @@ def page(bench_path, trip_path, load, commit):
         w(f"| {label}, `{name}` | {direct:.1f} | {via:.1f} | {via - direct:+.1f} |")
     w("")
     w("Per command, in one host process (`oemhost::dispatch`, including its "
-      "two zero-filled 64 KiB buffers), by what the command reached: "
+      "request buffer of exactly the request's size and its zero-filled "
+      "64 KiB response buffer), by what the command reached: "
       "`shell` started processes, `dbus` called the bus, `i2c` made "
       "transfers, `file` none of these. Request: the one of the seed corpus "
       "or plain shapes that did the most work (hex, `-` empty).")

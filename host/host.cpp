@@ -91,14 +91,12 @@ Answer dispatch(ipmi_netfn_t netfn, ipmi_cmd_t cmd, const uint8_t* request,
         return {IPMI_CC_REQ_DATA_LEN_INVALID, {}};
     }
 
-    // Exactly sized heap buffers, so that AddressSanitizer sees a handler
-    // that reads or writes past either of them.
-    std::vector<uint8_t> in(IPMID_REQUEST_CAPACITY, 0);
+    // As the daemon passes them: the request is a heap buffer of exactly
+    // its length (no buffer at all when it is empty), so that
+    // AddressSanitizer sees a handler that reads past it; the response is
+    // zero-filled and exactly as large as the daemon's.
+    std::vector<uint8_t> in(request, request + length);
     std::vector<uint8_t> out(IPMID_RESPONSE_CAPACITY, 0);
-    if (length > 0)
-    {
-        memcpy(in.data(), request, length);
-    }
     uint32_t dataLen = static_cast<uint32_t>(length);
     uint8_t cc = IPMI_CC_UNSPECIFIED_ERROR;
     try
@@ -149,6 +147,15 @@ bool connectBus(const std::string& address, std::string& error)
     if (rc >= 0)
     {
         rc = sd_bus_start(bus);
+    }
+    if (rc >= 0)
+    {
+        // Finish authenticating now: sd_bus_start only begins it, and the
+        // bus daemon drops a connection still unauthenticated after 30 s,
+        // which a simulator idle that long before its first D-Bus request
+        // would otherwise find closed.
+        const char* unique = nullptr;
+        rc = sd_bus_get_unique_name(bus, &unique);
     }
     if (rc < 0)
     {
@@ -476,8 +483,7 @@ std::string handlerName(ipmid_callback_t handler)
 
 } // namespace oemhost
 
-extern "C"
-{
+// C++ linkage, as the daemon defines them (see ipmid-abi.h).
 __attribute__((visibility("default"))) void
     ipmi_register_callback(ipmi_netfn_t netfn, ipmi_cmd_t cmd,
                            ipmi_context_t context, ipmid_callback_t handler,
@@ -491,6 +497,8 @@ __attribute__((visibility("default"))) sd_bus* ipmid_get_sd_bus_connection(void)
     return oemhost::hostBus;
 }
 
+extern "C"
+{
 __attribute__((visibility("default"))) const struct ipmid_sensor_info*
     ipmid_sensor_table(size_t* count)
 {

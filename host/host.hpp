@@ -37,10 +37,12 @@ struct Answer
 
 /* Hands one request to the handler registered for (netfn, cmd):
  * - an unregistered pair answers 0xC1;
- * - the request is passed in an IPMID_REQUEST_CAPACITY buffer zero-filled
- *   past its end, the response buffer has IPMID_RESPONSE_CAPACITY bytes, and
+ * - the request is passed in a heap buffer of exactly its length (a null
+ *   pointer when it is empty), the length is preset to the request length,
+ *   the response buffer has IPMID_RESPONSE_CAPACITY zero-filled bytes, and
  *   exactly as many bytes as the handler stored in the length are kept;
- * - a request longer than the capacity answers 0xC7 without a call;
+ * - a request longer than IPMID_REQUEST_CAPACITY answers 0xC7 without a
+ *   call;
  * - an exception escaping the handler answers 0xFF and is reported on
  *   standard error, and so is a response length beyond the capacity. */
 Answer dispatch(ipmi_netfn_t netfn, ipmi_cmd_t cmd, const uint8_t* request,

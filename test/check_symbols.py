@@ -12,7 +12,13 @@ import shlex
 import subprocess
 import sys
 
-DAEMON_ABI = {"ipmi_register_callback", "ipmid_get_sd_bus_connection"}
+# The daemon's functions have C++ linkage: their mangled names, with the
+# handler length as unsigned int* (32-bit BMC) or unsigned long* (64-bit).
+DAEMON_ABI = {
+    "_Z27ipmid_get_sd_bus_connectionv",
+    "_Z22ipmi_register_callbackhhPvPFhhhS_S_PjS_E16CommandPrivilege",
+    "_Z22ipmi_register_callbackhhPvPFhhhS_S_PmS_E16CommandPrivilege",
+}
 # The daemon's sensor table hook is optional: not every daemon build has it,
 # so the plug-in must reference it weakly (then a daemon without it still
 # loads the plug-in, which sees an empty table). A strong reference would

@@ -271,6 +271,11 @@ class Parser
                 repeated = current->noAnswer;
                 current->noAnswer = true;
             }
+            else if (ok && t == "bound")
+            {
+                repeated = current->bound;
+                current->bound = true;
+            }
             else if (ok && name == "fail")
             {
                 auto n = parseDecimal(value, maxFailCount);
@@ -301,7 +306,7 @@ class Parser
             if (!ok)
             {
                 return "bad device attribute " + quoted(t) +
-                       " (noanswer, fail=N, maxread=N, ptr=HH)";
+                       " (noanswer, bound, fail=N, maxread=N, ptr=HH)";
             }
             if (repeated)
             {
@@ -489,6 +494,10 @@ std::string serialize(const Bus& bus)
         {
             out += " noanswer";
         }
+        if (dev.bound)
+        {
+            out += " bound";
+        }
         if (dev.failCount > 0)
         {
             out += " fail=" + std::to_string(dev.failCount);
@@ -602,6 +611,20 @@ int writeBytes(Bus& bus, std::uint16_t addr,
     std::vector<std::uint8_t> copy(bytes.begin(), bytes.end());
     const Message msg{addr, false, {copy.data(), copy.size()}};
     return transfer(bus, {&msg, 1});
+}
+
+int checkSlaveAddress(const Bus& bus, unsigned long addr, bool force)
+{
+    if (addr > maxAddress)
+    {
+        return EINVAL;
+    }
+    if (force)
+    {
+        return 0;
+    }
+    auto it = bus.devices.find(static_cast<std::uint8_t>(addr));
+    return it != bus.devices.end() && it->second.bound ? EBUSY : 0;
 }
 
 int smbusTransfer(Bus& bus, std::uint16_t addr, bool read, std::uint8_t command,

@@ -39,6 +39,8 @@ struct Register
 struct Device
 {
     bool noAnswer = false;
+    // Bound to a kernel driver: i2c-dev refuses a plain I2C_SLAVE to it.
+    bool bound = false;
     // Transfers still to fail before the device answers again.
     unsigned failCount = 0;
     // Most bytes the device gives in an I2C block read, if capped.
@@ -92,6 +94,11 @@ int readRegisters(Bus& bus, std::uint16_t addr, std::uint8_t reg, std::size_t n,
 // One write message: [reg, values...], or [reg] to set the register pointer.
 int writeBytes(Bus& bus, std::uint16_t addr,
                std::span<const std::uint8_t> bytes);
+
+// I2C_SLAVE (force false) or I2C_SLAVE_FORCE (force true) to addr: EINVAL
+// for an address over 0x7f, EBUSY for a plain request to a device bound to
+// a kernel driver, as i2c-dev answers; otherwise 0.
+int checkSlaveAddress(const Bus& bus, unsigned long addr, bool force);
 
 // Transaction types of the I2C_SMBUS ioctl.
 enum class SmbusSize : std::uint32_t

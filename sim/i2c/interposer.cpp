@@ -5,7 +5,8 @@
 // /dev/i2c-N runs unchanged in the sandbox root. Everything else goes to the
 // kernel. Errors follow i2c-dev: EINVAL for bad arguments, EFAULT for a
 // null pointer, ENXIO for an address that does not acknowledge (the NAK
-// code most bus drivers give), EIO when the description cannot be read.
+// code most bus drivers give), EBUSY for a plain I2C_SLAVE to a device bound
+// to a kernel driver, EIO when the description cannot be read.
 #include "busfile.hpp"
 
 #include <fcntl.h>
@@ -365,14 +366,22 @@ int withBus(int fd, Op&& op)
     return -err;
 }
 
-int serveSlave(int fd, const FileId& file, unsigned long arg, std::string* log)
+int serveSlave(int fd, const FileId& file, unsigned long arg, bool force,
+               std::string* log)
 {
     int r = 0;
     if (arg > 0x7f)
     {
         r = -EINVAL;
     }
-    else
+    else if (!force)
+    {
+        // Only a plain request looks at the bus: a device bound to a kernel
+        // driver refuses it.
+        r = withBus(
+            fd, [&](Bus& bus) { return checkSlaveAddress(bus, arg, false); });
+    }
+    if (r == 0)
     {
         bind(fd, file, static_cast<std::uint16_t>(arg));
     }
@@ -624,7 +633,8 @@ int serve(int fd, const struct stat& st, unsigned long request,
     {
         case I2C_SLAVE:
         case I2C_SLAVE_FORCE:
-            r = serveSlave(fd, identify(fd, st), arg, out);
+            r = serveSlave(fd, identify(fd, st), arg,
+                           request == I2C_SLAVE_FORCE, out);
             break;
         case I2C_RDWR:
             r = serveRdwr(fd, arg, out);

@@ -109,8 +109,8 @@ std::vector<uint8_t> respond(msg_t* msg)
             std::to_string(msg->cmd) + " does not fit in one message");
         return {0xCA}; // cannot return the number of bytes requested
     }
-    // Sized up front: GCC 12 for 32-bit ARM takes an insert into a
-    // one-byte vector for an overflow (-Warray-bounds).
+    // Sized once: gcc 12 at -O2 takes an insert into a one-byte vector for
+    // an overflow (-Warray-bounds).
     std::vector<uint8_t> bytes(answer.data.size() + 1);
     bytes[0] = answer.cc;
     std::copy(answer.data.begin(), answer.data.end(), bytes.begin() + 1);

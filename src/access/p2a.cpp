@@ -7,8 +7,8 @@
 
 #include "access/p2a.hpp"
 
-#include "oem/wire.hpp"
 #include "oem/utils.hpp"
+#include "oem/wire.hpp"
 
 #include <cstdio>
 #include <cstdlib>
@@ -181,7 +181,9 @@ ipmi_ret_t ipmi_vel_oem_set_p2a_switch(OEM_HANDLER_PARAMS)
         // been closed.
         last = set_value_CVE(1, strapClearRegister, strapBit);
     }
-    return answer(response, data_len, on, static_cast<ipmi_ret_t>(last));
+    // The answer is the value 0 whichever way the bridge went; the
+    // outcome of the last register write is the completion code.
+    return answer(response, data_len, 0, static_cast<ipmi_ret_t>(last));
 }
 
 ipmi_ret_t ipmi_vel_oem_get_p2a_switch(OEM_HANDLER_PARAMS)

@@ -13,10 +13,10 @@
 
 #include "access/remote.hpp"
 
-#include "oem/wire.hpp"
 #include "oem/dbus.hpp"
 #include "oem/handler.hpp"
 #include "oem/utils.hpp"
+#include "oem/wire.hpp"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -31,6 +31,7 @@
 
 using oem::wire::reply;
 using oem::wire::requestByte;
+using oem::wire::requestText;
 
 namespace
 {
@@ -129,14 +130,6 @@ bool appendLine(const char* path, const std::string& entry)
     return ok;
 }
 
-// The request as a zero-terminated text: its bytes up to the first zero
-// byte, or all of them when there is none; never reads past length.
-std::string requestText(const void* request, uint32_t length)
-{
-    const char* text = static_cast<const char*>(request);
-    return std::string(text, strnlen(text, length));
-}
-
 // The settings service's value for a restriction-mode byte, or nothing
 // for a byte above 5.
 std::optional<std::string> restrictionModeValue(uint8_t mode)
@@ -165,7 +158,7 @@ namespace oem::access
 
 bool validUserName(std::string_view name)
 {
-    if (name.empty() || name.size() > maxUserNameLength)
+    if (name.empty())
     {
         return false;
     }
@@ -315,7 +308,9 @@ ipmi_ret_t ipmi_vel_oem_set_ssh_status(ipmi_netfn_t, ipmi_cmd_t,
         runShell("dptssh=`iptables -L -n --line-number | grep DROP | grep "
                  "dpt:22 | awk -F' ' '{print $1}'` && iptables -D INPUT "
                  "$dptssh");
-        runShell("echo 'false' > /etc/ssh_forbid.conf");
+        // What "echo 'false' > FILE" would leave, written whole: the
+        // redirect empties the flag before it writes.
+        oem::replaceFile("/etc/ssh_forbid.conf", "false\n");
     }
     else
     {
@@ -327,8 +322,11 @@ ipmi_ret_t ipmi_vel_oem_set_ssh_status(ipmi_netfn_t, ipmi_cmd_t,
         {
             fprintf(stderr, "%s set disable ssh login\n ", __func__);
             runShell("iptables -A INPUT -p tcp --dport 22 -j DROP");
-            runShell("echo 'ture' > /etc/ssh_forbid.conf");
-            runShell("rm /run/ssh_login.conf &");
+            if (oem::replaceFile("/etc/ssh_forbid.conf", "ture\n") ==
+                oem::WriteResult::done)
+            {
+                runShell("rm /run/ssh_login.conf &");
+            }
         }
     }
     return reply(response, data_len, {0});
@@ -472,17 +470,24 @@ ipmi_ret_t ipmi_vel_oem_set_default_user(ipmi_netfn_t, ipmi_cmd_t,
                                          ipmi_context_t)
 {
     std::string name = requestText(request, *data_len);
-    // The name stands unquoted on the command line: only plain names pass,
-    // and they are short enough that the command is never cut.
+    // The name stands unquoted on the command line: only plain names pass.
     if (!validUserName(name))
     {
         fprintf(stderr, "%s: not a user name: refused\n", __func__);
         return invalidField(data_len);
     }
+    // The name is what "echo NAME > /etc/default/obmc/user" in a 64-byte
+    // line would store: a name whose line would be cut is refused, as a cut
+    // line would write somewhere else. The file is written whole.
     char command[64];
-    snprintf(command, sizeof(command), "echo %s > /etc/default/obmc/user",
-             name.c_str());
-    runShell(command);
+    int length = snprintf(command, sizeof(command),
+                          "echo %s > /etc/default/obmc/user", name.c_str());
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(command))
+    {
+        fprintf(stderr, "%s: user name too long: refused\n", __func__);
+        return invalidField(data_len);
+    }
+    oem::replaceFile("/etc/default/obmc/user", name + "\n");
     return reply(response, data_len, {0});
 }
 

@@ -12,12 +12,9 @@
 namespace oem::access
 {
 
-/* Longest default user name accepted: the IPMI user name field. */
-constexpr size_t maxUserNameLength = 16;
-
-/* A default user name that may stand unquoted on a command line: 1 to 16
- * characters, a letter or '_' first, then letters, digits, '_', '.' or
- * '-'. */
+/* A default user name that may stand unquoted on a command line: a letter
+ * or '_' first, then letters, digits, '_', '.' or '-'. Whether it fits the
+ * command line is the command's to judge. */
 bool validUserName(std::string_view name);
 
 /* An allow-list entry: an IPv4 address with an optional /0../32 prefix

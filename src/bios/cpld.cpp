@@ -8,6 +8,7 @@
 #include "bios/cpld.hpp"
 
 #include "hw/i2c.hpp"
+#include "oem/wire.hpp"
 
 #include <pthread.h>
 
@@ -206,8 +207,7 @@ ipmi_ret_t ipmi_vel_oem_get_cpld_update(OEM_HANDLER_PARAMS)
 {
     // The request is a text; it ends at its first zero byte, and at the
     // latest with the request.
-    const auto* text = static_cast<const char*>(request);
-    std::string copy(text, text == nullptr ? 0 : strnlen(text, *data_len));
+    std::string copy = oem::wire::requestText(request, *data_len);
     try
     {
         std::thread(updateWorker, std::move(copy)).detach();

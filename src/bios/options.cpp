@@ -6,6 +6,7 @@
 
 #include "bios/options.hpp"
 
+#include "oem/utils.hpp"
 #include "oem/wire.hpp"
 
 #include <unistd.h>
@@ -13,6 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
+#include <vector>
 
 namespace
 {
@@ -49,6 +52,17 @@ std::optional<Token> findToken(const std::string& line,
 bool writeAll(FILE* file, const std::string& text)
 {
     return fwrite(text.data(), 1, text.size(), file) == text.size();
+}
+
+// The "_tmp" copy a rewrite that matched nothing leaves beside the file: a
+// scratch copy, not state, so it is written in place.
+void leaveCopy(const std::string& path, const std::string& text)
+{
+    if (FILE* file = fopen(path.c_str(), "w"); file != nullptr)
+    {
+        writeAll(file, text);
+        fclose(file);
+    }
 }
 
 } // namespace
@@ -231,17 +245,75 @@ ipmi_ret_t ipmi_vel_oem_set_bios_configure(OEM_HANDLER_PARAMS)
     oem::wire::requestBytes(request, *data_len, settings.data(),
                             settings.size());
     auto texts = oem::bios::optionTexts(settings);
-    std::string module = optionModule;
-    for (size_t i = 0; i < texts.size(); ++i)
+    std::string tmpPath = std::string(workingFile) + "_tmp";
+
+    // The twenty options are applied one after the other, as twenty
+    // rewrites of the file through its "_tmp" copy would apply them, but
+    // the file is written once: a failure or a reset half-way must not
+    // leave some options old and the rest new.
+    std::string original;
+    switch (oem::readFile(workingFile, original))
     {
-        setBiosModuleArgValue(workingFile, module, oem::bios::optionKeys[i],
-                              texts[i]);
+        case oem::ReadResult::failed:
+            // Nothing is known of the file, so nothing is written.
+            return oem::wire::reply(response, data_len, {0x00});
+        case oem::ReadResult::missing:
+            // Each rewrite would have left an empty copy behind.
+            leaveCopy(tmpPath, "");
+            break;
+        case oem::ReadResult::ok:
+        {
+            std::vector<std::string> lines;
+            std::istringstream in(original);
+            for (std::string line; std::getline(in, line);)
+            {
+                lines.push_back(line);
+            }
+            std::string module = optionModule;
+            bool changed = false;
+            bool lastChanged = false;
+            for (size_t i = 0; i < texts.size(); ++i)
+            {
+                lastChanged = false;
+                for (auto& line : lines)
+                {
+                    if (auto replaced = oem::bios::replaceOptionValue(
+                            line, module, oem::bios::optionKeys[i], texts[i]))
+                    {
+                        line = *replaced;
+                        lastChanged = true;
+                    }
+                }
+                changed = changed || lastChanged;
+            }
+            std::string content;
+            for (const auto& line : lines)
+            {
+                content += line + "\n";
+            }
+            if (changed && oem::replaceFile(workingFile, content) !=
+                               oem::WriteResult::done)
+            {
+                return oem::wire::reply(response, data_len, {0x00});
+            }
+            // A last rewrite that matched nothing left its copy beside the
+            // file, to be overwritten by the next one.
+            if (!lastChanged)
+            {
+                leaveCopy(tmpPath, content);
+            }
+            break;
+        }
     }
     if (settings[0] == 1)
     {
-        [[maybe_unused]] int status =
-            system("cp /etc/default/obmc/current_bios_configure "
-                   "/etc/default/obmc/future_bios_configure");
+        // The copy handed on to the BIOS, replaced whole like the working
+        // file; a working file that cannot be read leaves it as it is.
+        std::string working;
+        if (oem::readFile(workingFile, working) == oem::ReadResult::ok)
+        {
+            oem::replaceFile(futureFile, working);
+        }
     }
     return oem::wire::reply(response, data_len, {0x00});
 }

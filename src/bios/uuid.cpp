@@ -90,14 +90,13 @@ ipmi_ret_t ipmi_vel_oem_set_system_uuid(OEM_HANDLER_PARAMS)
     // The UUID comes as NUL-terminated text; the length byte of the
     // daemon's request is not trusted, only the low byte of the text
     // length is tested.
-    const char* text = static_cast<const char*>(request);
-    size_t length = strnlen(text, *data_len);
-    if (length % 256 != uuidTextLength)
+    std::string text = oem::wire::requestText(request, *data_len);
+    if (text.size() % 256 != uuidTextLength)
     {
         return reply(response, data_len, {0x01});
     }
     char uuid[EEPROM_UUID_SIZE] = {};
-    asc2hex(text, uuidTextLength, uuid);
+    asc2hex(text.c_str(), uuidTextLength, uuid);
     if (eeprom_write_uuid(reinterpret_cast<uint8_t*>(uuid), sizeof(uuid)) == -1)
     {
         return reply(response, data_len, {0x01});

@@ -8,6 +8,7 @@
 #include "bios/version.hpp"
 
 #include "inventory/eeprom.hpp"
+#include "oem/utils.hpp"
 #include "oem/wire.hpp"
 
 #include <unistd.h>
@@ -38,28 +39,18 @@ constexpr size_t secondTextAt = 40;
 constexpr size_t moreNumbersAt = 72;
 constexpr size_t thirdTextAt = 76;
 
-// Replaces a file through path + "_tmp" and a rename, so that readers see
-// the old content or the new, never a cut one. Reports the close on standard
-// output as the version tools expect.
+// Replaces a file whole (see oem::replaceFile) and reports the close on
+// standard output as the version tools expect.
 bool replaceFile(const std::string& path, const std::string& content)
 {
-    std::string tmpPath = path + "_tmp";
-    FILE* file = fopen(tmpPath.c_str(), "w");
-    if (file == nullptr)
+    bool closed = false;
+    auto result = oem::replaceFile(path, content, &closed);
+    if (result != oem::WriteResult::notOpened)
     {
-        return false;
+        fputs(closed ? "file is now closed " : "file cannot be closed ",
+              stdout);
     }
-    bool ok =
-        fwrite(content.data(), 1, content.size(), file) == content.size() &&
-        fflush(file) == 0 && fsync(fileno(file)) == 0;
-    bool closed = fclose(file) == 0;
-    fputs(closed ? "file is now closed " : "file cannot be closed ", stdout);
-    if (!ok || !closed || rename(tmpPath.c_str(), path.c_str()) != 0)
-    {
-        unlink(tmpPath.c_str());
-        return false;
-    }
-    return true;
+    return result == oem::WriteResult::done;
 }
 
 void runShell(const char* command)
@@ -128,14 +119,10 @@ bool recordableVersion(const std::string& version)
 
 int BIOS_reset(bool reset)
 {
-    FILE* file = fopen(resetFlagFile, "w");
-    if (file == nullptr)
-    {
-        return -1;
-    }
-    bool ok = fputs(reset ? "reset" : "noreset", file) >= 0;
-    ok = (fclose(file) == 0) && ok;
-    return ok ? 0 : -1;
+    return oem::replaceFile(resetFlagFile, reset ? "reset" : "noreset") ==
+                   oem::WriteResult::done
+               ? 0
+               : -1;
 }
 
 int get_BIOS_reset(void)
@@ -154,14 +141,9 @@ int get_BIOS_reset(void)
     }
     // Consumed by the first reader; if it cannot be cleared it stays set
     // for the next one.
-    file = fopen(resetFlagFile, "w");
-    if (file == nullptr)
-    {
-        return 0;
-    }
-    fwrite("noreset", 1, 7, file);
-    fclose(file);
-    return 1;
+    return oem::replaceFile(resetFlagFile, "noreset") == oem::WriteResult::done
+               ? 1
+               : 0;
 }
 
 ipmi_ret_t ipmi_vel_oem_bios_set_version(OEM_HANDLER_PARAMS)
@@ -195,8 +177,14 @@ ipmi_ret_t ipmi_vel_oem_bios_set_version(OEM_HANDLER_PARAMS)
     {
         return reply(response, data_len, {0x01});
     }
-    eeprom_store_data(BIOS_DATA_WRITE, BIOS_DATA_TYPE_BIOS, 0, release.data(),
-                      static_cast<int>(release.size()));
+    // A version the inventory does not hold is not recorded: the BIOS
+    // sends it again.
+    if (eeprom_store_data(BIOS_DATA_WRITE, BIOS_DATA_TYPE_BIOS, 0,
+                          release.data(),
+                          static_cast<int>(release.size())) != 0)
+    {
+        return reply(response, data_len, {0x01});
+    }
     runShell("systemctl restart org.open_power.Software.Host.Updater.service");
     return reply(response, data_len, {0x00});
 }

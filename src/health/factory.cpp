@@ -8,6 +8,7 @@
 
 #include "dbus.hpp"
 #include "globals.hpp"
+#include "utils.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -40,9 +41,48 @@ constexpr uint8_t miiInvalid = 0x01;
 constexpr int ethSpeeds[] = {10, 100, 1000};
 
 /* The EEPROM file through the descriptor calls the self-test needs. */
+// While a block holds the test pattern, its saved contents wait beside the
+// EEPROM image (offset line, then the bytes), so that a reset in that moment
+// does not leave the pattern in the inventory or the UUID: the next test
+// puts the block back before it starts.
+std::string eepromTestJournal()
+{
+    return eeprom_path + "_testblock";
+}
+
+bool restoreJournaledBlock(int fd)
+{
+    std::string journal;
+    auto result = oem::readFile(eepromTestJournal(), journal);
+    if (result == oem::ReadResult::missing)
+    {
+        return true;
+    }
+    size_t newline = journal.find('\n');
+    if (result != oem::ReadResult::ok || newline == std::string::npos ||
+        journal.size() != newline + 1 + EEPROM_TEST_BLOCK_SIZE)
+    {
+        fprintf(stderr, "%s: unreadable\n", eepromTestJournal().c_str());
+        return false;
+    }
+    off_t offset = strtoll(journal.c_str(), nullptr, 10);
+    const char* block = journal.data() + newline + 1;
+    if (pwrite(fd, block, EEPROM_TEST_BLOCK_SIZE, offset) !=
+            static_cast<ssize_t>(EEPROM_TEST_BLOCK_SIZE) ||
+        fsync(fd) != 0)
+    {
+        fprintf(stderr, "%s: cannot put the block at 0x%llx back\n",
+                eeprom_path.c_str(), static_cast<long long>(offset));
+        return false;
+    }
+    unlink(eepromTestJournal().c_str());
+    return true;
+}
+
 struct EepromFile
 {
     int fd;
+    off_t journaled = -1;
 
     off_t seek(off_t offset)
     {
@@ -54,7 +94,34 @@ struct EepromFile
     }
     ssize_t write(const uint8_t* data, size_t size)
     {
-        return ::write(fd, data, size);
+        off_t at = lseek(fd, 0, SEEK_CUR);
+        uint8_t pattern[EEPROM_TEST_BLOCK_SIZE];
+        oem::eepromTestPattern(pattern);
+        if (at >= 0 && size == sizeof(pattern) &&
+            memcmp(data, pattern, size) == 0)
+        {
+            // The pattern goes over the block only once its contents are
+            // safe in the journal.
+            std::string journal = std::to_string(at) + "\n";
+            journal.resize(journal.size() + size);
+            if (pread(fd, journal.data() + journal.size() - size, size, at) !=
+                    static_cast<ssize_t>(size) ||
+                oem::replaceFile(eepromTestJournal(), journal) !=
+                    oem::WriteResult::done)
+            {
+                return -1;
+            }
+            journaled = at;
+            return ::write(fd, data, size);
+        }
+        ssize_t written = ::write(fd, data, size);
+        if (at == journaled && written == static_cast<ssize_t>(size) &&
+            fsync(fd) == 0)
+        {
+            unlink(eepromTestJournal().c_str());
+            journaled = -1;
+        }
+        return written;
     }
 };
 
@@ -235,8 +302,15 @@ extern "C" int eeprom_test_result_m7r(void)
         fprintf(stderr, " %s file cannot open \n", eeprom_path.c_str());
         return -1;
     }
+    if (!restoreJournaledBlock(fd))
+    {
+        close(fd);
+        return 5;
+    }
     EepromFile file{fd};
     int result = oem::eepromBlockTest(file);
+    // A test that ended on its own has put back what it was going to.
+    unlink(eepromTestJournal().c_str());
     close(fd);
     return result;
 }

@@ -8,14 +8,18 @@
 
 #include "globals.hpp"
 #include "inventory/eeprom.hpp"
+#include "oem/utils.hpp"
 #include "oem/wire.hpp"
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 using oem::wire::reply;
 using oem::wire::requestByte;
@@ -203,43 +207,64 @@ int nicDev_set_list(char* request, int length)
     // seen before, another card) starts the list afresh.
     int ordinal = 0;
     bool restart = false;
-    if (FILE* list = fopen(path, "r+"); list != nullptr)
+    std::string text;
+    auto read = oem::readFile(path, text);
+    if (read == oem::ReadResult::failed)
     {
-        char line[32];
-        while (!restart && fgets(line, sizeof(line), list) != nullptr)
+        // A list that cannot be read is not an empty one.
+        fprintf(stderr, " %s file cannot open \n", path);
+        return -1;
+    }
+    // Lines in pieces of at most 31 characters, as fgets with a 32-byte
+    // buffer hands them over.
+    for (size_t from = 0; !restart && from < text.size();)
+    {
+        size_t end = text.find('\n', from);
+        size_t stop = end == std::string::npos ? text.size() : end + 1;
+        std::string line = text.substr(from, std::min<size_t>(stop - from, 31));
+        from += line.size();
+        char lineName[8] = {};
+        char lineAddress[8] = {};
+        unsigned lineFirst = 0;
+        unsigned lineSecond = 0;
+        unsigned count = 0;
+        int fields = sscanf(line.c_str(), "%5s--%7s,%04x,%04x,%02x;", lineName,
+                            lineAddress, &lineFirst, &lineSecond, &count);
+        if (fields != 5 || lineFirst != first || lineSecond != second ||
+            strcmp(lineAddress, address) == 0)
         {
-            char lineName[8] = {};
-            char lineAddress[8] = {};
-            unsigned lineFirst = 0;
-            unsigned lineSecond = 0;
-            unsigned count = 0;
-            int fields = sscanf(line, "%5s--%7s,%04x,%04x,%02x;", lineName,
-                                lineAddress, &lineFirst, &lineSecond, &count);
-            if (fields != 5 || lineFirst != first || lineSecond != second ||
-                strcmp(lineAddress, address) == 0)
-            {
-                restart = true;
-            }
-            else
-            {
-                ordinal = static_cast<int>(count) + 1;
-            }
+            restart = true;
         }
-        fclose(list);
+        else
+        {
+            ordinal = static_cast<int>(count) + 1;
+        }
     }
     if (restart)
     {
         ordinal = 0;
     }
 
-    FILE* list = fopen(path, ordinal != 0 ? "a" : "w");
+    char line[64];
+    snprintf(line, sizeof(line), "%5s--%7s,%04x,%04x,%02x;\n", name, address,
+             first, second, static_cast<unsigned>(ordinal));
+    if (ordinal == 0)
+    {
+        // Started afresh: the list is replaced whole.
+        if (oem::replaceFile(path, line) != oem::WriteResult::done)
+        {
+            fprintf(stderr, " %s file cannot open \n", path);
+            return -1;
+        }
+        return ordinal;
+    }
+    FILE* list = fopen(path, "a");
     if (list == nullptr)
     {
         fprintf(stderr, " %s file cannot open \n", path);
         return -1;
     }
-    bool ok = fprintf(list, "%5s--%7s,%04x,%04x,%02x;\n", name, address, first,
-                      second, static_cast<unsigned>(ordinal)) > 0;
+    bool ok = fputs(line, list) >= 0;
     if (fclose(list) != 0 || !ok)
     {
         return -1;
@@ -397,28 +422,38 @@ ipmi_ret_t ipmi_vel_oem_set_nic_dev(OEM_HANDLER_PARAMS)
     {
         return reply(response, data_len, {0x01});
     }
-    FILE* file = fopen(path, ordinal == 0 ? "w+" : "a+");
-    if (file == nullptr)
-    {
-        printf(" %s file cannot open \n", path);
-        return reply(response, data_len, {0x01});
-    }
-    if (ordinal != 0)
-    {
-        fputc(ordinal, file);
-    }
-    uint8_t nic[6];
+    char nic[6];
     for (size_t i = 0; i < sizeof(nic); ++i)
     {
-        nic[i] = requestByte(request, length, 13 + i);
+        nic[i] = static_cast<char>(requestByte(request, length, 13 + i));
     }
-    fwrite(nic, 1, sizeof(nic), file);
-    if (fclose(file) != 0)
+    if (ordinal == 0)
     {
-        printf("%s file cannot be closed \n", path);
+        // The first function of a NIC creates the file afresh, whole.
+        if (oem::replaceFile(path, std::string_view(nic, sizeof(nic))) !=
+            oem::WriteResult::done)
+        {
+            printf(" %s file cannot open \n", path);
+            return reply(response, data_len, {0x01});
+        }
+    }
+    else
+    {
+        FILE* file = fopen(path, "a+");
+        if (file == nullptr)
+        {
+            printf(" %s file cannot open \n", path);
+            return reply(response, data_len, {0x01});
+        }
+        fputc(ordinal, file);
+        fwrite(nic, 1, sizeof(nic), file);
+        if (fclose(file) != 0)
+        {
+            printf("%s file cannot be closed \n", path);
+        }
     }
 
-    file = fopen(path, "rb");
+    FILE* file = fopen(path, "rb");
     if (file == nullptr)
     {
         return reply(response, data_len, {0x01});

@@ -3,9 +3,12 @@
 
 #include "utils.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -135,6 +138,110 @@ ipmi_ret_t shellStatus(int status)
     }
     fprintf(stderr, "run shell success\n");
     return IPMI_CC_OK;
+}
+
+namespace
+{
+
+bool writeAll(int fd, std::string_view bytes)
+{
+    while (!bytes.empty())
+    {
+        ssize_t n = write(fd, bytes.data(), bytes.size());
+        if (n < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (n <= 0)
+        {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+}
+
+// Makes a rename in dir survive a power loss; a failure here leaves the
+// new file in place, so it is not reported.
+void syncDirectory(const std::string& path)
+{
+    auto slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? "."
+                      : slash == 0               ? "/"
+                                                 : path.substr(0, slash);
+    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0)
+    {
+        fsync(fd);
+        close(fd);
+    }
+}
+
+} // namespace
+
+WriteResult replaceFile(const std::string& path, std::string_view content,
+                        bool* closed)
+{
+    std::string temporary = path + "_tmp";
+    int fd =
+        open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0)
+    {
+        if (closed != nullptr)
+        {
+            *closed = false;
+        }
+        return WriteResult::notOpened;
+    }
+    struct stat old;
+    bool ok =
+        stat(path.c_str(), &old) != 0 || fchmod(fd, old.st_mode & 07777) == 0;
+    ok = ok && writeAll(fd, content) && fsync(fd) == 0;
+    bool closedCleanly = close(fd) == 0;
+    if (closed != nullptr)
+    {
+        *closed = closedCleanly;
+    }
+    ok = ok && closedCleanly && rename(temporary.c_str(), path.c_str()) == 0;
+    if (!ok)
+    {
+        unlink(temporary.c_str());
+        return WriteResult::notWritten;
+    }
+    syncDirectory(path);
+    return WriteResult::done;
+}
+
+ReadResult readFile(const std::string& path, std::string& content)
+{
+    content.clear();
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+    {
+        return errno == ENOENT ? ReadResult::missing : ReadResult::failed;
+    }
+    char buffer[4096];
+    ReadResult result = ReadResult::ok;
+    for (;;)
+    {
+        ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (n < 0)
+        {
+            result = ReadResult::failed;
+            break;
+        }
+        if (n == 0)
+        {
+            break;
+        }
+        content.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return result;
 }
 
 } // namespace oem

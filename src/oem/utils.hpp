@@ -4,6 +4,8 @@
 #include "handler.hpp"
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 extern "C"
 {
@@ -34,5 +36,32 @@ namespace oem
  * The numbers it prints for a failed command are fixed, not the command's
  * exit code; management tools match on these lines. */
 ipmi_ret_t shellStatus(int status);
+
+/* Replaces the file at path whole with content. The bytes go to path +
+ * "_tmp", reach the disk and are renamed over path, so that a reset or a
+ * failing write leaves the old file or the new one, never an empty, cut or
+ * mixed one; the new file keeps the old one's permissions. On failure path
+ * is untouched and the temporary is gone. closed, when
+ * given, tells whether the temporary closed cleanly (for the callers that
+ * report it). */
+enum class WriteResult
+{
+    done,
+    notOpened,  // the temporary could not be created
+    notWritten, // writing, syncing, closing or renaming it failed
+};
+WriteResult replaceFile(const std::string& path, std::string_view content,
+                        bool* closed = nullptr);
+
+enum class ReadResult
+{
+    ok,
+    missing,
+    failed,
+};
+
+/* Reads a whole file into content. A file that is there but cannot be read
+ * is a failure, not an empty file. */
+ReadResult readFile(const std::string& path, std::string& content);
 
 } // namespace oem

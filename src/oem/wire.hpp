@@ -8,12 +8,17 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <string>
 
 namespace oem::wire
 {
 
-/* Byte i of a request of length bytes; bytes past the request read as zero,
- * as the daemon's zero-filled request buffer would give them. */
+/* The daemon hands a handler exactly the request's bytes (none at all, and
+ * possibly a null pointer, for an empty request): past them lies foreign
+ * heap memory. Every request byte is read through these helpers, which
+ * never look past length and count a field past the request as zero. */
+
+/* Byte i of a request of length bytes; zero past the request. */
 inline uint8_t requestByte(const void* request, uint32_t length, size_t i)
 {
     return i < length ? static_cast<const uint8_t*>(request)[i] : 0;
@@ -24,8 +29,23 @@ inline void requestBytes(const void* request, uint32_t length, void* out,
                          size_t size)
 {
     size_t n = std::min<size_t>(length, size);
-    memcpy(out, request, n);
+    if (n > 0)
+    {
+        memcpy(out, request, n);
+    }
     memset(static_cast<uint8_t*>(out) + n, 0, size - n);
+}
+
+/* The request as a zero-terminated text: its bytes up to the first zero
+ * byte, or all of them when there is none. */
+inline std::string requestText(const void* request, uint32_t length)
+{
+    if (length == 0)
+    {
+        return {};
+    }
+    const char* text = static_cast<const char*>(request);
+    return std::string(text, strnlen(text, length));
 }
 
 /* A request length as the int the EEPROM store takes. */

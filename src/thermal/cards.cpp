@@ -7,6 +7,7 @@
 
 #include "thermal/cards.hpp"
 
+#include "oem/utils.hpp"
 #include "oem/wire.hpp"
 #include "thermal/tables.hpp"
 
@@ -19,6 +20,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 using oem::wire::requestByte;
 
@@ -104,13 +107,30 @@ struct MiddleScan
     bool countLineIntact = false;
 };
 
-MiddleScan scanMiddleFile(FILE* file, int card)
+// The lines of a configuration file as fgets with a buffer of
+// confLineSize hands them over: a longer line comes in pieces.
+std::vector<std::string> confLines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    size_t at = 0;
+    while (at < text.size())
+    {
+        size_t end = text.find('\n', at);
+        size_t stop = end == std::string::npos ? text.size() : end + 1;
+        size_t length = std::min<size_t>(stop - at, confLineSize - 1);
+        lines.push_back(text.substr(at, length));
+        at += length;
+    }
+    return lines;
+}
+
+MiddleScan scanMiddleFile(const std::string& text, int card)
 {
     MiddleScan scan;
-    char line[confLineSize];
     bool first = true;
-    while (fgets(line, sizeof(line), file) != nullptr)
+    for (std::string piece : confLines(text))
     {
+        char* line = piece.data();
         if (first)
         {
             scan.countLineIntact = strlen(line) == middleCountLineLength &&
@@ -136,48 +156,61 @@ MiddleScan scanMiddleFile(FILE* file, int card)
     return scan;
 }
 
-int createMiddleFile(int card)
+std::string countLine(int count)
 {
-    FILE* file = fopen(MIDDLE_BOARD_CONF, "w");
-    if (file == nullptr)
+    char line[32];
+    snprintf(line, sizeof(line), "number=%02d;\n", count);
+    return line;
+}
+
+std::string cardLine(int card)
+{
+    return "Cardid=" + std::to_string(card) + ";\n";
+}
+
+// The whole middle-card file is written in one go, so that a reset leaves
+// the old registry or the new one, never a count that disagrees with the
+// card lines.
+int writeMiddleFile(const std::string& text)
+{
+    if (oem::replaceFile(MIDDLE_BOARD_CONF, text) != oem::WriteResult::done)
     {
         fprintf(stderr, "Unable to open file: %s\n", MIDDLE_BOARD_CONF);
         return -1;
     }
-    bool ok = fprintf(file, "number=%02d;\nCardid=%d;\n", 1, card) > 0;
-    ok = fclose(file) == 0 && ok;
-    return ok ? 0 : -1;
+    return 0;
 }
 
-// Rewrites the count line in place; the stream must be open for update.
-bool rewriteCount(FILE* file, int count)
+// Reads the middle-card file; false (and a complaint) if it is there but
+// cannot be read: a read error is not an empty registry.
+bool readMiddleFile(std::string& text, bool& missing)
 {
-    return fseek(file, 0, SEEK_SET) == 0 &&
-           fprintf(file, "number=%02d;\n", count) ==
-               static_cast<int>(middleCountLineLength);
-}
-
-// Replaces a file whole: the bytes go to PATH_tmp, which is then renamed
-// over it, so that the services reading the file never see half of it.
-bool replaceFile(const char* path, const void* data, size_t size,
-                 const char* writer)
-{
-    std::string temporary = std::string(path) + "_tmp";
-    FILE* file = fopen(temporary.c_str(), "w");
-    if (file == nullptr)
+    auto result = oem::readFile(MIDDLE_BOARD_CONF, text);
+    missing = result == oem::ReadResult::missing;
+    if (result == oem::ReadResult::failed)
     {
-        fprintf(stderr, "Unable to open file: %s\n", path);
+        fprintf(stderr, "%s: cannot be read\n", MIDDLE_BOARD_CONF);
         return false;
     }
-    bool ok = size == 0 || fwrite(data, 1, size, file) == size;
-    ok = fclose(file) == 0 && ok;
-    ok = ok && rename(temporary.c_str(), path) == 0;
-    if (!ok)
+    return true;
+}
+
+// Replaces a file whole (see oem::replaceFile), with the messages of the
+// card data writers.
+bool replaceCardFile(const char* path, const void* data, size_t size,
+                     const char* writer)
+{
+    auto result = oem::replaceFile(
+        path, std::string_view(static_cast<const char*>(data), size));
+    if (result == oem::WriteResult::notOpened)
     {
-        unlink(temporary.c_str());
+        fprintf(stderr, "Unable to open file: %s\n", path);
+    }
+    else if (result == oem::WriteResult::notWritten)
+    {
         fprintf(stderr, "%s: write  failed.\n", writer);
     }
-    return ok;
+    return result == oem::WriteResult::done;
 }
 
 // The hwmon attribute prefix of a card sensor type, or null for a type
@@ -274,12 +307,13 @@ int writeValues(const uint8_t* records, int length, int hwmon)
         {
             break;
         }
-        char command[256];
-        snprintf(command, sizeof(command),
-                 "echo %d > /var/hwmon/hwmon%d/%s%d_input",
-                 static_cast<int>(be24(record + 2)), hwmon, kind,
-                 counters.next(record[1]));
-        runShell(command);
+        // The text "echo %d > FILE" would leave, written whole so that
+        // the sensor service never reads an empty reading.
+        char path[64];
+        snprintf(path, sizeof(path), "/var/hwmon/hwmon%d/%s%d_input", hwmon,
+                 kind, counters.next(record[1]));
+        oem::replaceFile(
+            path, std::to_string(static_cast<int>(be24(record + 2))) + "\n");
     }
     return 0;
 }
@@ -289,7 +323,7 @@ int writeInfo(const uint8_t* data, int length, int hwmon, uint8_t mode)
     char path[64];
     snprintf(path, sizeof(path), "/var/hwmon/hwmon%d/boardinfo", hwmon);
     size_t size = mode == 2 ? 0 : static_cast<size_t>(std::max(length, 0));
-    replaceFile(path, data, size, "writeinfotohwmon");
+    replaceCardFile(path, data, size, "writeinfotohwmon");
     return 0;
 }
 
@@ -313,65 +347,79 @@ int net_board_num(void)
 
 int set_middle_card_num(int, int card)
 {
-    FILE* file = fopen(MIDDLE_BOARD_CONF, "r+");
-    if (file == nullptr)
+    std::string text;
+    bool missing = false;
+    if (!readMiddleFile(text, missing))
     {
-        return createMiddleFile(card);
+        return -1;
     }
-    MiddleScan scan = scanMiddleFile(file, card);
+    std::string created = countLine(1) + cardLine(card);
+    if (missing)
+    {
+        return writeMiddleFile(created);
+    }
+    MiddleScan scan = scanMiddleFile(text, card);
     if (scan.present)
     {
-        fclose(file);
         return 0;
     }
     if (scan.count == 0)
     {
-        fclose(file);
-        return createMiddleFile(card);
+        return writeMiddleFile(created);
     }
     if (scan.count >= middleCardLimit || !scan.countLineIntact)
     {
-        fclose(file);
         fprintf(stderr, "%s: cannot count card %d in (count %d)\n",
                 MIDDLE_BOARD_CONF, card, scan.count);
         return -1;
     }
-    bool ok = rewriteCount(file, scan.count + 1) &&
-              fseek(file, 0, SEEK_END) == 0 &&
-              fprintf(file, "Cardid=%d;\n", card) > 0;
-    ok = fclose(file) == 0 && ok;
-    return ok ? 0 : -1;
+    // The count line rewritten in place, the card appended at the end.
+    return writeMiddleFile(countLine(scan.count + 1) +
+                           text.substr(middleCountLineLength) + cardLine(card));
 }
 
 int del_middle_card_num(int card)
 {
-    FILE* file = fopen(MIDDLE_BOARD_CONF, "r+");
-    if (file == nullptr)
+    std::string text;
+    bool missing = false;
+    if (!readMiddleFile(text, missing))
+    {
+        return -1;
+    }
+    if (missing)
     {
         return 0;
     }
-    MiddleScan scan = scanMiddleFile(file, card);
+    MiddleScan scan = scanMiddleFile(text, card);
     if (!scan.present)
     {
-        fclose(file);
         return 0;
     }
     if (!scan.countLineIntact)
     {
-        fclose(file);
         fprintf(stderr, "%s: cannot count card %d out (count %d)\n",
                 MIDDLE_BOARD_CONF, card, scan.count);
         return -1;
     }
-    bool ok = rewriteCount(file, std::max(scan.count - 1, 0));
-    ok = fclose(file) == 0 && ok;
-    // A plain substring match: removing card 1 also drops cards 10-19 and
-    // 100-199, while the count drops by one. The host tools count on it.
-    char command[256];
-    snprintf(command, sizeof(command),
-             "sed -i '/Cardid=%d/'d /var/hwmon/middleBoard.conf", card);
-    runShell(command);
-    return ok ? 0 : -1;
+    // The count drops by one and every line holding "Cardid=<card>" goes,
+    // as "sed -i '/Cardid=%d/'d" would drop them: a plain substring match,
+    // so removing card 1 also drops cards 10-19 and 100-199. The host tools
+    // count on it.
+    std::string pattern = "Cardid=" + std::to_string(card);
+    std::string kept = countLine(std::max(scan.count - 1, 0));
+    size_t at = middleCountLineLength;
+    while (at < text.size())
+    {
+        size_t end = text.find('\n', at);
+        size_t stop = end == std::string::npos ? text.size() : end + 1;
+        std::string line = text.substr(at, stop - at);
+        if (line.find(pattern) == std::string::npos)
+        {
+            kept += line;
+        }
+        at = stop;
+    }
+    return writeMiddleFile(kept);
 }
 
 int writeThresholdTohwmon(const uint8_t* records, int length, uint8_t card,
@@ -416,7 +464,8 @@ int writeThresholdTohwmon(const uint8_t* records, int length, uint8_t card,
                  static_cast<int>(be24(record + 21)));
         text += block;
     }
-    return replaceFile(path, text.data(), text.size(), "writeThresholdTohwmon")
+    return replaceCardFile(path, text.data(), text.size(),
+                           "writeThresholdTohwmon")
                ? 0
                : -1;
 }
@@ -536,7 +585,9 @@ ipmi_ret_t ipmi_vel_oem_set_middCard_info(ipmi_netfn_t, ipmi_cmd_t,
     uint32_t requestLength = *data_len;
     uint8_t card = requestByte(request, requestLength, 0);
     uint8_t sub = requestByte(request, requestLength, 1);
-    const uint8_t* data = static_cast<const uint8_t*>(request) + 3;
+    // The records after the three header bytes; none in a shorter request.
+    const uint8_t* data =
+        requestLength > 3 ? static_cast<const uint8_t*>(request) + 3 : nullptr;
     int dataLength =
         requestLength > 3
             ? static_cast<int>(std::min<uint32_t>(requestLength - 3, INT_MAX))

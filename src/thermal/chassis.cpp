@@ -6,6 +6,7 @@
 #include "thermal/chassis.hpp"
 
 #include "oem/handler.hpp"
+#include "oem/utils.hpp"
 #include "oem/wire.hpp"
 
 #include <fcntl.h>
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <string>
 
 using namespace oem::thermal;
 using oem::wire::badLength;
@@ -156,10 +158,9 @@ ipmi_ret_t ipmi_vel_oem_set_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
     {
         return byteAnswer(response, data_len, 2, IPMI_CC_OK);
     }
-    char command[64];
-    snprintf(command, sizeof(command), "echo %d  > %s", enable,
-             tempDetectFlagPath);
-    runShell(command);
+    // What "echo %d  > FILE" would leave, written whole: the thermal
+    // service must never find the flag empty.
+    oem::replaceFile(tempDetectFlagPath, std::to_string(enable) + "\n");
     return byteAnswer(response, data_len, 0, IPMI_CC_OK);
 }
 
@@ -173,9 +174,7 @@ ipmi_ret_t ipmi_vel_oem_get_high_temp_detect_status(ipmi_netfn_t, ipmi_cmd_t,
     if (file == nullptr)
     {
         // No flag yet: the detection is off, and now says so.
-        char command[64];
-        snprintf(command, sizeof(command), "echo 0  > %s", tempDetectFlagPath);
-        runShell(command);
+        oem::replaceFile(tempDetectFlagPath, "0\n");
         return byteAnswer(response, data_len, 0, IPMI_CC_OK);
     }
     char text[16] = {};

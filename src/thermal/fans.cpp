@@ -91,9 +91,15 @@ uint8_t setFanConfig(uint8_t action, uint8_t fan, uint8_t duty)
         fflush(stdout);
         return fanConfigNoPwmFile;
     }
-    // A single fan is driven directly, in raw PWM units.
-    fprintf(file, "%d", duty * 255 / 100);
-    fclose(file);
+    // A single fan is driven directly, in raw PWM units. A value the
+    // driver did not take is no duty set.
+    bool ok = fprintf(file, "%d", duty * 255 / 100) > 0;
+    if (fclose(file) != 0 || !ok)
+    {
+        printf("open FanTable false");
+        fflush(stdout);
+        return fanConfigNoPwmFile;
+    }
     return fanConfigDone;
 }
 
