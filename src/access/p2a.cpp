@@ -65,12 +65,8 @@ namespace oem::access
 uint32_t parseRegister(const char* output)
 {
     char* end = nullptr;
-    unsigned long value = strtoul(output, &end, 16);
-    if (end == output)
-    {
-        return 0;
-    }
-    return static_cast<uint32_t>(value);
+    uint32_t value = oem::strtoul32(output, &end, 16);
+    return end == output ? 0 : value;
 }
 
 uint32_t applyBit(uint32_t reg, int value, int bit)

@@ -121,7 +121,7 @@ std::optional<std::string> replaceOptionValue(const std::string& line,
 
 uint8_t optionByte(const std::string& text)
 {
-    return static_cast<uint8_t>(strtol(text.c_str(), nullptr, 10));
+    return static_cast<uint8_t>(oem::strtol32(text.c_str(), nullptr, 10));
 }
 
 std::array<std::string, optionCount>

@@ -480,20 +480,19 @@ ipmi_ret_t ipmi_vel_oem_get_all_dimm_size(OEM_HANDLER_PARAMS)
         return reply(response, data_len, {0x01});
     }
     char line[32];
-    long long total = 0;
+    int32_t total = 0;
     while (fgets(line, sizeof(line), sizes) != nullptr)
     {
-        // A corrupt file must not wrap the total round.
-        long long size = strtol(line, nullptr, 10);
-        if (__builtin_add_overflow(total, size, &total))
-        {
-            total = size > 0 ? LLONG_MAX : LLONG_MIN;
-        }
+        // Each line and the sum are ints, as on the BMC; a corrupt file
+        // stops the sum at the end of the range instead of wrapping it.
+        int64_t sum = int64_t{total} + oem::strtol32(line, nullptr, 10);
+        total = static_cast<int32_t>(
+            std::clamp<int64_t>(sum, INT32_MIN, INT32_MAX));
     }
     fclose(sizes);
-    fprintf(stderr, "dimm size is %lld\n", total);
-    char text[32];
-    int n = snprintf(text, sizeof(text), "%lld", total);
+    fprintf(stderr, "dimm size is %d\n", static_cast<int>(total));
+    char text[16];
+    int n = snprintf(text, sizeof(text), "%d", static_cast<int>(total));
     memcpy(response, text, static_cast<size_t>(n));
     *data_len = static_cast<uint32_t>(n);
     return IPMI_CC_OK;

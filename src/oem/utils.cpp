@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -242,6 +243,23 @@ ReadResult readFile(const std::string& path, std::string& content)
     }
     close(fd);
     return result;
+}
+
+int32_t strtol32(const char* text, char** end, int base)
+{
+    long long value = strtoll(text, end, base);
+    return static_cast<int32_t>(
+        std::clamp<long long>(value, INT32_MIN, INT32_MAX));
+}
+
+uint32_t strtoul32(const char* text, char** end, int base)
+{
+    long long value = strtoll(text, end, base);
+    if (value > UINT32_MAX || value < -static_cast<long long>(UINT32_MAX))
+    {
+        return UINT32_MAX;
+    }
+    return static_cast<uint32_t>(value);
 }
 
 } // namespace oem

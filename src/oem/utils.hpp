@@ -64,4 +64,11 @@ enum class ReadResult
  * is a failure, not an empty file. */
 ReadResult readFile(const std::string& path, std::string& content);
 
+/* strtol and strtoul as the BMC's C library runs them, with a 32-bit long,
+ * whatever long is where this runs: text past the 32-bit range gives the
+ * same number everywhere (the nearest end of the range; strtoul takes a
+ * minus sign as negation modulo 2^32). end as for strtol. */
+int32_t strtol32(const char* text, char** end, int base);
+uint32_t strtoul32(const char* text, char** end, int base);
+
 } // namespace oem

@@ -6,6 +6,7 @@
 #include "health/health.hpp"
 #include "hw/hwmon.hpp"
 #include "hw/i2c.hpp"
+#include "oem/utils.hpp"
 #include "psu_location.hpp"
 
 #include <algorithm>
@@ -134,7 +135,7 @@ extern "C" void get_psuN_ac_status_m7r(int hwmon, int* ac)
     char line[32] = {};
     if (fgets(line, sizeof(line), file) != nullptr)
     {
-        *ac = atoi(line);
+        *ac = oem::strtol32(line, nullptr, 10);
     }
     fclose(file);
 }
@@ -153,7 +154,7 @@ extern "C" int get_psuN_dc_status_m7r(int hwmon, int* dc)
     char line[32] = {};
     if (fgets(line, sizeof(line), file) != nullptr)
     {
-        *dc = atoi(line);
+        *dc = oem::strtol32(line, nullptr, 10);
     }
     // Closed here too: the daemon runs for months and must not leak
     // descriptors.

@@ -2,6 +2,7 @@
 #include "psu_location.hpp"
 
 #include "hw/i2c.hpp"
+#include "oem/utils.hpp"
 
 #include <unistd.h>
 
@@ -104,7 +105,7 @@ int linear11(uint8_t low, uint8_t high)
 
 uint8_t locationValue(const std::string& text)
 {
-    return static_cast<uint8_t>(strtol(text.c_str(), nullptr, 10));
+    return static_cast<uint8_t>(oem::strtol32(text.c_str(), nullptr, 10));
 }
 
 } // namespace oem
@@ -145,7 +146,7 @@ extern "C" int m7r_find_psu_i2cbus_and_addr(const char* path, uint8_t* bus,
         const char* value = strtok_r(nullptr, "=", &save);
         if (value != nullptr)
         {
-            *target = static_cast<uint8_t>(strtol(value, nullptr, 10));
+            *target = static_cast<uint8_t>(oem::strtol32(value, nullptr, 10));
         }
     }
     fclose(file);

@@ -7,6 +7,7 @@
 #include "thermal/fans.hpp"
 
 #include "dbus.hpp"
+#include "oem/utils.hpp"
 #include "oem/wire.hpp"
 #include "thermal/tables.hpp"
 
@@ -152,7 +153,7 @@ bool matches(const ParamLine& line, uint8_t id)
     }
     const char* start = line.text.c_str();
     char* end = nullptr;
-    unsigned long key = strtoul(start, &end, 16);
+    uint32_t key = oem::strtoul32(start, &end, 16);
     return end != start && key == id;
 }
 
@@ -190,8 +191,8 @@ oem::thermal::FanParams parseFields(const std::string& text)
         if (field < params.size())
         {
             std::string token = text.substr(start, end - start);
-            params[field] =
-                static_cast<uint8_t>(strtoul(token.c_str(), nullptr, 16));
+            params[field] = static_cast<uint8_t>(
+                oem::strtoul32(token.c_str(), nullptr, 16));
         }
         start = end + 1;
     }

@@ -88,6 +88,9 @@ TEST(FanParamFile, ReadsTheFieldsOfTheMatchedLine)
         {"0x07::0x03\n", 7, found, {0x07, 0, 0x03, 0, 0, 0}},
         {"8:1:2:3:4:5:6:7:8:9:a:b\n", 8, found, {8, 1, 2, 3, 4, 5}},
         {"0x0A:0x1FF:2:3:4:5\n", 10, found, {0x0A, 0xFF, 2, 3, 4, 5}},
+        // strtoul with the BMC's 32-bit long: negation modulo 2^32, and
+        // past the range its end
+        {"-ffffffff:100000001:2:3:4:5\n", 1, found, {1, 0xFF, 2, 3, 4, 5}},
         {"\n" + line1, 0, notFound, {}},
         {line1 + line5.substr(0, 29), 5, notFound, {}},
         {longLine + line1, 5, notFound, {}},
