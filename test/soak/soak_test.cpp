@@ -10,6 +10,7 @@
 #include "plugin.hpp"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -125,6 +126,19 @@ std::vector<uint8_t> nextRequest(std::mt19937& engine)
     return request;
 }
 
+// A request that never answers would stop the daemon for good: the soak
+// fails naming it rather than waiting for the test's time-out.
+constexpr unsigned answerSeconds = 120;
+char pendingRequest[128];
+size_t pendingLength = 0;
+
+void noAnswer(int)
+{
+    [[maybe_unused]] ssize_t n =
+        write(STDERR_FILENO, pendingRequest, pendingLength);
+    _exit(1);
+}
+
 size_t numberFromEnvironment(const char* name, size_t fallback)
 {
     const char* text = getenv(name);
@@ -148,9 +162,18 @@ TEST(Soak, RequestsLeaveNothingBehind)
     close(quiet);
     std::mt19937 engine{20261121};
     std::map<uint8_t, size_t> codes;
+    signal(SIGALRM, noAnswer);
     auto send = [&](size_t i) {
         const auto& target = commands[i % commands.size()];
-        auto answer = call(target.netfn, target.cmd, nextRequest(engine));
+        auto request = nextRequest(engine);
+        pendingLength = static_cast<size_t>(snprintf(
+            pendingRequest, sizeof(pendingRequest),
+            "soak: request %zu, netfn 0x%02x cmd 0x%02x with %zu bytes, "
+            "no answer in %u s\n",
+            i, target.netfn, target.cmd, request.size(), answerSeconds));
+        alarm(answerSeconds);
+        auto answer = call(target.netfn, target.cmd, request);
+        alarm(0);
         ++codes[answer.cc];
         reapOrphans();
     };
