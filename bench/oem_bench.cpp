@@ -10,7 +10,6 @@
 // the one that does the most work is timed. --json FILE: the results as
 // Google Benchmark's JSON, for scripts/bench.
 
-#include "dbus.hpp"
 #include "host.hpp"
 #include "oem/handler.hpp"
 #include "sandbox.hpp"
@@ -219,13 +218,14 @@ long lineCount(const char* path)
 }
 
 constexpr const char* i2cLog = "/var/log/sim/i2c-transfers.log";
+constexpr const char* dbusCallRecord = "/var/log/sim/dbus-calls.log";
 
 Footprint probe(const oemhost::Registration& target,
                 const std::vector<uint8_t>& request)
 {
     Footprint seen;
     long pid = lastPid();
-    long dbus = lineCount(testing_dbus::callRecordPath);
+    long dbus = lineCount(dbusCallRecord);
     long i2c = lineCount(i2cLog);
     auto start = std::chrono::steady_clock::now();
     seen.cc = oemhost::dispatch(target.netfn, target.cmd, request.data(),
@@ -235,7 +235,7 @@ Footprint probe(const oemhost::Registration& target,
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
             .count();
     seen.tasks = lastPid() - pid;
-    seen.dbusCalls = lineCount(testing_dbus::callRecordPath) - dbus;
+    seen.dbusCalls = lineCount(dbusCallRecord) - dbus;
     seen.i2cCalls = lineCount(i2cLog) - i2c;
     while (waitpid(-1, nullptr, WNOHANG) > 0)
     {}
@@ -438,8 +438,8 @@ int main(int argc, char** argv)
             fprintf(stderr, "%s\n", error.c_str());
             exit(1);
         }
-        testing_dbus::SimBus bus = testing_dbus::start(root);
-        if (!oemhost::connectBus(bus.address, error))
+        // The bus's processes end with our PID namespace.
+        if (!oemhost::connectBus(testing_sandbox::startBus(root), error))
         {
             fprintf(stderr, "%s\n", error.c_str());
             exit(1);
@@ -476,7 +476,6 @@ int main(int argc, char** argv)
             // exit() below skips the destructors.
             json->close();
         }
-        testing_dbus::stop(bus);
         exit(0);
     }
     int status = 0;

@@ -179,6 +179,9 @@ int runBatch()
             continue;
         }
         auto answer = oemhost::dispatch(netfn, cmd, data.data(), data.size());
+        // Whatever the plug-in printed belongs to this request: out before
+        // its answer line.
+        fflush(stdout);
         fprintf(answers, "%02x", answer.cc);
         for (uint8_t byte : answer.data)
         {

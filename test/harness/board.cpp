@@ -15,7 +15,6 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
-#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -28,50 +27,37 @@ namespace
 constexpr const char* toolsDir = "/var/sim/tools/";
 constexpr const char* commandLogPath = "/var/log/sim/commands.log";
 
-std::string busPath(int bus)
-{
-    return "/dev/i2c-" + std::to_string(bus);
-}
-
-// Reads a bus description under the same lock the I2C interposer takes, lets
-// change edit it and writes it back if change returns true. Without change
-// the file is only read.
+// Reads a bus description under the lock the I2C interposer takes and, if
+// change returns true, writes it back.
 std::optional<i2csim::Bus>
     editBus(int bus, const std::function<bool(i2csim::Bus&)>& change = nullptr)
 {
-    std::string path = busPath(bus);
-    int fd = change ? open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)
-                    : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string path = "/dev/i2c-" + std::to_string(bus);
+    int fd = open(path.c_str(),
+                  change ? O_RDWR | O_CREAT | O_CLOEXEC : O_RDONLY | O_CLOEXEC,
+                  0644);
     if (fd < 0)
     {
-        if (change)
-        {
-            ADD_FAILURE() << "cannot open " << path;
-        }
+        EXPECT_FALSE(change) << "cannot open " << path;
         return std::nullopt;
     }
     flock(fd, change ? LOCK_EX : LOCK_SH);
     std::string text;
     char chunk[4096];
-    ssize_t n;
-    while ((n = read(fd, chunk, sizeof(chunk))) > 0)
+    for (ssize_t n; (n = read(fd, chunk, sizeof(chunk))) > 0;)
     {
         text.append(chunk, static_cast<size_t>(n));
     }
     auto parsed = i2csim::parse(text);
-    if (!parsed.bus)
-    {
-        ADD_FAILURE() << path << " line " << parsed.errorLine << ": "
-                      << parsed.error;
-    }
-    else if (change && change(*parsed.bus))
+    EXPECT_TRUE(parsed.bus)
+        << path << " line " << parsed.errorLine << ": " << parsed.error;
+    if (parsed.bus && change && change(*parsed.bus))
     {
         std::string out = i2csim::serialize(*parsed.bus);
-        if (ftruncate(fd, 0) != 0 || pwrite(fd, out.data(), out.size(), 0) !=
-                                         static_cast<ssize_t>(out.size()))
-        {
-            ADD_FAILURE() << "cannot write " << path;
-        }
+        EXPECT_TRUE(ftruncate(fd, 0) == 0 &&
+                    pwrite(fd, out.data(), out.size(), 0) ==
+                        static_cast<ssize_t>(out.size()))
+            << path;
     }
     close(fd);
     return parsed.bus;
@@ -122,42 +108,29 @@ std::string logLine(const std::vector<std::string>& argv)
             line = std::filesystem::path(arg).filename().string();
             continue;
         }
-        line += ' ';
         bool plain = !arg.empty();
         for (char c : arg)
         {
-            plain = plain && (isalnum(static_cast<unsigned char>(c)) ||
-                              std::string_view("_@%+=:,./-").find(c) !=
-                                  std::string_view::npos);
+            plain = plain &&
+                    (isalnum(static_cast<unsigned char>(c)) ||
+                     std::string("_@%+=:,./-").find(c) != std::string::npos);
         }
         if (plain)
         {
-            line += arg;
+            line += " " + arg;
             continue;
         }
-        line += '"';
+        line += " \"";
         for (char c : arg)
         {
-            switch (c)
-            {
-                case '\\':
-                    line += "\\\\";
-                    break;
-                case '"':
-                    line += "\\\"";
-                    break;
-                case '\n':
-                    line += "\\n";
-                    break;
-                case '\t':
-                    line += "\\t";
-                    break;
-                case '\r':
-                    line += "\\r";
-                    break;
-                default:
-                    line += c;
-            }
+            const char* escaped = c == '\\'   ? "\\\\"
+                                  : c == '"'  ? "\\\""
+                                  : c == '\n' ? "\\n"
+                                  : c == '\t' ? "\\t"
+                                  : c == '\r' ? "\\r"
+                                              : nullptr;
+            line +=
+                escaped != nullptr ? std::string(escaped) : std::string(1, c);
         }
         line += '"';
     }
@@ -180,27 +153,15 @@ std::string state(const std::string& path, const std::string& key)
 void setState(const std::string& path, const std::string& key,
               const std::string& value)
 {
-    std::string text = readFile(path);
-    if (text == "<missing>")
-    {
-        text.clear();
-    }
-    std::istringstream in(text);
+    std::istringstream in(readFile(path) == "<missing>" ? "" : readFile(path));
     std::string out;
     bool found = false;
     for (std::string line; std::getline(in, line);)
     {
-        if (line.starts_with(key + "="))
-        {
-            line = key + "=" + value;
-            found = true;
-        }
-        out += line + "\n";
+        found = found || line.starts_with(key + "=");
+        out += (line.starts_with(key + "=") ? key + "=" + value : line) + "\n";
     }
-    if (!found)
-    {
-        out += key + "=" + value + "\n";
-    }
+    out += found ? "" : key + "=" + value + "\n";
     // Replaced whole, as the stand-ins do, so that a tool never reads half.
     writeFile(path + ".new", out);
     std::filesystem::rename(path + ".new", path);
@@ -216,20 +177,14 @@ Run run(const std::string& command)
         return result;
     }
     char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
     {
         result.output.append(buffer, n);
     }
     int status = pclose(pipe);
-    if (WIFEXITED(status))
-    {
-        result.status = WEXITSTATUS(status);
-    }
-    else if (WIFSIGNALED(status))
-    {
-        result.status = 128 + WTERMSIG(status);
-    }
+    result.status = WIFEXITED(status)     ? WEXITSTATUS(status)
+                    : WIFSIGNALED(status) ? 128 + WTERMSIG(status)
+                                          : -1;
     return result;
 }
 
@@ -237,30 +192,20 @@ std::optional<std::vector<uint8_t>> i2cRegister(int bus, uint8_t address,
                                                 uint8_t reg)
 {
     auto description = editBus(bus);
-    if (!description)
+    if (!description || !description->devices.contains(address) ||
+        !description->devices[address].registers.contains(reg))
     {
         return std::nullopt;
     }
-    auto device = description->devices.find(address);
-    if (device == description->devices.end())
-    {
-        return std::nullopt;
-    }
-    auto found = device->second.registers.find(reg);
-    if (found == device->second.registers.end())
-    {
-        return std::nullopt;
-    }
-    return found->second.bytes;
+    return description->devices[address].registers[reg].bytes;
 }
 
 void setI2cRegister(int bus, uint8_t address, uint8_t reg,
                     const std::vector<uint8_t>& bytes)
 {
     editBus(bus, [&](i2csim::Bus& description) {
-        auto& r = description.devices[address].registers[reg];
-        r.bytes = bytes;
-        r.block = bytes.size() != 1;
+        description.devices[address].registers[reg] = {bytes,
+                                                       bytes.size() != 1};
         return true;
     });
 }

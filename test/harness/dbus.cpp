@@ -4,9 +4,6 @@
 
 #include "sandbox.hpp"
 
-#include <signal.h>
-#include <sys/wait.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -22,52 +19,7 @@ constexpr const char* controlService = "bmcsim.Control";
 constexpr const char* controlPath = "/bmcsim";
 constexpr const char* controlInterface = "bmcsim.Control";
 
-pid_t readPid(const std::string& path)
-{
-    std::ifstream in(path);
-    pid_t pid = 0;
-    in >> pid;
-    return pid;
-}
-
 } // namespace
-
-SimBus start(const std::string& root)
-{
-    std::string command = std::string(START_SIM_BUS) + " --sim '" +
-                          BMC_DBUS_SIM + "' '" + root + "'";
-    FILE* out = popen(command.c_str(), "r");
-    char line[512] = "";
-    bool read = out != nullptr && fgets(line, sizeof(line), out) != nullptr;
-    int status = out != nullptr ? pclose(out) : -1;
-    if (!read || status != 0)
-    {
-        fprintf(stderr, "cannot start the simulated D-Bus: %s\n",
-                command.c_str());
-        abort();
-    }
-    SimBus bus;
-    bus.address = line;
-    if (!bus.address.empty() && bus.address.back() == '\n')
-    {
-        bus.address.pop_back();
-    }
-    bus.daemon = readPid(root + "/run/dbus/dbus-daemon.pid");
-    bus.sim = readPid(root + "/run/dbus/bmc-dbus-sim.pid");
-    return bus;
-}
-
-void stop(SimBus& bus)
-{
-    for (pid_t* pid : {&bus.sim, &bus.daemon})
-    {
-        if (*pid > 0 && kill(*pid, SIGTERM) == 0)
-        {
-            waitpid(*pid, nullptr, 0);
-        }
-        *pid = 0;
-    }
-}
 
 const oem::Bus& bus()
 {

@@ -3,34 +3,15 @@
 
 #include "oem/dbus.hpp"
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
-/* The simulated BMC D-Bus of a test's sandbox (sim/dbus/README.md): a
- * private dbus-daemon on the sandbox's /run/dbus/system_bus_socket and
- * bmc-dbus-sim serving the board's objects. The harness starts it before it
- * loads the plug-in; tests read what was called and steer the simulator. */
+/* The simulated BMC D-Bus of a test's sandbox (sim/dbus/README.md), which
+ * the harness starts before it loads the plug-in: tests read what was
+ * called and steer the simulator. Everything here runs inside the
+ * sandbox. */
 namespace testing_dbus
 {
-
-struct SimBus
-{
-    std::string address;
-    pid_t daemon = 0;
-    pid_t sim = 0;
-};
-
-/* From outside the sandbox: starts the bus of a sandbox root and returns
- * once every service is there; aborts the test program if that fails. */
-SimBus start(const std::string& root);
-
-/* Ends both processes, and waits for them where they are our children (as
- * they are of PID 1 of the test's PID namespace). */
-void stop(SimBus& bus);
-
-// Everything below runs inside the sandbox.
 
 constexpr const char* busAddress = "unix:path=/run/dbus/system_bus_socket";
 constexpr const char* callRecordPath = "/var/log/sim/dbus-calls.log";

@@ -2,7 +2,6 @@
 // Runs the plug-in tests the way the daemon runs the plug-in: loaded through
 // the host, then inside a fresh sandbox root of the default board.
 
-#include "dbus.hpp"
 #include "plugin.hpp"
 
 #include <sys/wait.h>
@@ -31,8 +30,7 @@ int main(int argc, char** argv)
         }
         // The plug-in builds its bus object when it is loaded: the bus
         // comes first. Its processes end with our PID namespace.
-        testing_dbus::SimBus bus = testing_dbus::start(root);
-        if (!oemhost::connectBus(bus.address, error))
+        if (!oemhost::connectBus(testing_sandbox::startBus(root), error))
         {
             fprintf(stderr, "%s\n", error.c_str());
             exit(1);
@@ -43,9 +41,7 @@ int main(int argc, char** argv)
             fprintf(stderr, "%s\n", error.c_str());
             exit(1);
         }
-        int result = RUN_ALL_TESTS();
-        testing_dbus::stop(bus);
-        exit(result);
+        exit(RUN_ALL_TESTS());
     }
     int status = 0;
     waitpid(child, &status, 0);

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -31,6 +32,22 @@ std::string create(const std::string& board)
         abort();
     }
     return dir;
+}
+
+std::string startBus(const std::string& root)
+{
+    std::string command = std::string(START_SIM_BUS) + " --sim '" +
+                          BMC_DBUS_SIM + "' '" + root + "'";
+    FILE* out = popen(command.c_str(), "r");
+    char line[512] = "";
+    bool read = out != nullptr && fgets(line, sizeof(line), out) != nullptr;
+    if (out == nullptr || pclose(out) != 0 || !read)
+    {
+        fprintf(stderr, "cannot start the simulated D-Bus: %s\n",
+                command.c_str());
+        abort();
+    }
+    return std::string(line, strcspn(line, "\n"));
 }
 
 std::string readFile(const std::string& path)

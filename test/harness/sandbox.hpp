@@ -10,6 +10,12 @@ namespace testing_sandbox
  * returns its path; aborts the test program if that fails. */
 std::string create(const std::string& board = "");
 
+/* Starts the simulated D-Bus of a sandbox root (sim/dbus/start-sim-bus)
+ * from outside it and returns the bus address once every service is there;
+ * aborts the test program if that fails. Its processes end with the test's
+ * PID namespace. */
+std::string startBus(const std::string& root);
+
 /* The whole content of a file, or "<missing>". */
 std::string readFile(const std::string& path);
 

@@ -9,7 +9,6 @@
 
 #include "plugin.hpp"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
@@ -38,26 +38,13 @@ struct Usage
 size_t countEntries(const char* dir, bool numericOnly)
 {
     size_t count = 0;
-    DIR* d = opendir(dir);
-    if (d == nullptr)
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ignored))
     {
-        return 0;
+        std::string name = entry.path().filename();
+        count += !numericOnly ||
+                 name.find_first_not_of("0123456789") == std::string::npos;
     }
-    while (dirent* entry = readdir(d))
-    {
-        std::string name = entry->d_name;
-        if (name == "." || name == "..")
-        {
-            continue;
-        }
-        if (numericOnly &&
-            name.find_first_not_of("0123456789") != std::string::npos)
-        {
-            continue;
-        }
-        ++count;
-    }
-    closedir(d);
     return count;
 }
 
@@ -122,29 +109,21 @@ std::string describe(const Usage& u)
 // Requests of the lengths that commands take and around them, with a
 // selector-like first byte half of the time, so that both the accepting
 // and the refusing paths of every command are walked.
-class Requests
+std::vector<uint8_t> nextRequest(std::mt19937& engine)
 {
-  public:
-    std::vector<uint8_t> next()
+    static constexpr size_t lengths[] = {0, 1,  2,  3,  4,  5,  6,   8,
+                                         9, 16, 17, 20, 32, 64, 128, 255};
+    std::vector<uint8_t> request(lengths[engine() % std::size(lengths)]);
+    for (auto& byte : request)
     {
-        static constexpr size_t lengths[] = {0, 1,  2,  3,  4,  5,  6,   8,
-                                             9, 16, 17, 20, 32, 64, 128, 255};
-        size_t length = lengths[engine() % std::size(lengths)];
-        std::vector<uint8_t> request(length);
-        for (auto& byte : request)
-        {
-            byte = static_cast<uint8_t>(engine());
-        }
-        if (length > 0 && engine() % 2 == 0)
-        {
-            request[0] = static_cast<uint8_t>(engine() % 4);
-        }
-        return request;
+        byte = static_cast<uint8_t>(engine());
     }
-
-  private:
-    std::mt19937 engine{20261121};
-};
+    if (!request.empty() && engine() % 2 == 0)
+    {
+        request[0] = static_cast<uint8_t>(engine() % 4);
+    }
+    return request;
+}
 
 size_t numberFromEnvironment(const char* name, size_t fallback)
 {
@@ -167,12 +146,11 @@ TEST(Soak, RequestsLeaveNothingBehind)
     ASSERT_GE(quiet, 0);
     dup2(quiet, STDOUT_FILENO);
     close(quiet);
-    Requests requests;
+    std::mt19937 engine{20261121};
     std::map<uint8_t, size_t> codes;
     auto send = [&](size_t i) {
         const auto& target = commands[i % commands.size()];
-        auto request = requests.next();
-        auto answer = call(target.netfn, target.cmd, request);
+        auto answer = call(target.netfn, target.cmd, nextRequest(engine));
         ++codes[answer.cc];
         reapOrphans();
     };
