@@ -483,8 +483,7 @@ std::string handlerName(ipmid_callback_t handler)
 
 } // namespace oemhost
 
-extern "C"
-{
+// C++ linkage, as the daemon defines them (see ipmid-abi.h).
 __attribute__((visibility("default"))) void
     ipmi_register_callback(ipmi_netfn_t netfn, ipmi_cmd_t cmd,
                            ipmi_context_t context, ipmid_callback_t handler,
@@ -498,6 +497,8 @@ __attribute__((visibility("default"))) sd_bus* ipmid_get_sd_bus_connection(void)
     return oemhost::hostBus;
 }
 
+extern "C"
+{
 __attribute__((visibility("default"))) const struct ipmid_sensor_info*
     ipmid_sensor_table(size_t* count)
 {
