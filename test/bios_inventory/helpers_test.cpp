@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What other modules reach of the inventory store and the BIOS reset flag
-// but no command does, on the default board.
+// What other modules reach of the inventory store, the BIOS option file
+// and the BIOS reset flag but no command does, on the default board.
 
 #include "inventory/tables.hpp"
 #include "plugin.hpp"
@@ -56,6 +56,38 @@ TEST(Store, PathsNoCommandTakes)
     EXPECT_EQ(load(3, nullptr, 4), -1);
     EXPECT_EQ(load(-1, out.data(), 4), -1);
     EXPECT_EQ(load(3, out.data(), -1), -1);
+}
+
+// The set BIOS configuration command writes its twenty options at once;
+// the one-option rewriter stays for other callers.
+TEST(BiosOptions, RewriterChangesEveryMatchingLineThroughItsCopy)
+{
+    using Rewrite =
+        void (*)(std::string, std::string&, std::string, std::string&);
+    auto rewrite = pluginSymbol<Rewrite>("setBiosModuleArgValue");
+    const std::string path = "/etc/options-under-test";
+    const std::string copy = path + "_tmp";
+    std::string module = "Boot";
+    std::string value = "9";
+
+    writeFile(path, "Boot Order=1 x\nPower Order=2\nBoot Order=3\nBoot Mode=a");
+    rewrite(path, module, "Order", value);
+    const std::string rewritten =
+        "Boot Order=9 x\nPower Order=2\nBoot Order=9\nBoot Mode=a\n";
+    EXPECT_EQ(readFile(path), rewritten);
+    EXPECT_EQ(readFile(copy), "<missing>");
+
+    // No match: the file stays, and so does the full copy beside it.
+    rewrite(path, module, "Speed", value);
+    EXPECT_EQ(readFile(path), rewritten);
+    EXPECT_EQ(readFile(copy), rewritten);
+
+    // No file: the copy is still made, empty, and nothing else.
+    std::filesystem::remove(path);
+    rewrite(path, module, "Order", value);
+    EXPECT_EQ(readFile(path), "<missing>");
+    EXPECT_EQ(readFile(copy), "");
+    std::filesystem::remove(copy);
 }
 
 TEST(BiosReset, SetAndClearedByOtherModules)
